@@ -1,0 +1,15 @@
+# Applies KESTREL_SANITIZE to every target of the build. Recovery is off, so
+# the first report fails the test that caused it.
+if(KESTREL_SANITIZE)
+  list(JOIN KESTREL_SANITIZE "," _kestrel_sanitizers)
+  add_compile_options(-fsanitize=${_kestrel_sanitizers} -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=${_kestrel_sanitizers})
+  add_compile_definitions(KESTREL_SANITIZED=1)
+  if("thread" IN_LIST KESTREL_SANITIZE)
+    add_compile_definitions(KESTREL_TSAN=1)
+  endif()
+  if("address" IN_LIST KESTREL_SANITIZE)
+    add_compile_definitions(KESTREL_ASAN=1)
+  endif()
+endif()
