@@ -1,0 +1,266 @@
+// The setting registry: the group list, the pending-setting list, observer
+// lists and their notification, restore frames.
+#include <kestrel/settings.h>
+
+#include <stdexcept>
+
+namespace kestrel {
+
+namespace {
+
+// Plain pointers and an int: constant-initialised, so settings and groups
+// built during static initialisation in other files always see them.
+SettingGroup* gGroupHead = nullptr;
+int gGroupCount = 0;
+Setting* gPendingHead = nullptr;
+
+}  // namespace
+
+void* Setting::sCurrentModifier = nullptr;
+// constinit: must be usable before any dynamic initialiser runs.
+constinit QList<QList<Setting*>> Setting::sRestoreList;
+
+namespace detail {
+
+struct RegistryAccess {
+  static void attach(Observer& observer, Observer** head) {
+    observer.mList = head;
+    observer.mPrev = nullptr;
+    observer.mNext = *head;
+    if (*head) (*head)->mPrev = &observer;
+    *head = &observer;
+  }
+
+  static void unlink(Observer& observer) {
+    if (!observer.mList) return;
+    if (observer.mPrev) {
+      observer.mPrev->mNext = observer.mNext;
+    } else {
+      *observer.mList = observer.mNext;
+    }
+    if (observer.mNext) observer.mNext->mPrev = observer.mPrev;
+    observer.mList = nullptr;
+    observer.mNext = nullptr;
+    observer.mPrev = nullptr;
+  }
+
+  // Detaches every observer of a dying subject without calling it.
+  static void detachAll(Observer** head) {
+    while (*head) unlink(**head);
+  }
+
+  // The one notification routine of both observer kinds. `next` is taken
+  // before anything else so that the current observer may detach or destroy
+  // itself inside its handler.
+  template <typename ObserverType, typename Event>
+  static void notify(Observer** head, void (ObserverType::*handler)(const Event&),
+                     const Event& event, bool detachFirst) {
+    Observer* current = *head;
+    while (current) {
+      Observer* next = current->mNext;
+      if (detachFirst) unlink(*current);
+      if (current->mEnabled) (static_cast<ObserverType*>(current)->*handler)(event);
+      current = next;
+    }
+  }
+
+  static Observer** observersOf(Setting& setting) { return &setting.mObservers; }
+  static Observer** observersOf(SettingGroup& group) { return &group.mObservers; }
+};
+
+}  // namespace detail
+
+using detail::RegistryAccess;
+
+// ---------------------------------------------------------------- observers
+
+Observer::~Observer() { RegistryAccess::unlink(*this); }
+
+void Observer::detach() { RegistryAccess::unlink(*this); }
+
+SettingObserver::SettingObserver(Setting& setting) : SettingObserver(&setting) {}
+
+SettingObserver::SettingObserver(Setting* setting) {
+  if (setting) RegistryAccess::attach(*this, RegistryAccess::observersOf(*setting));
+}
+
+SettingObserver::~SettingObserver() = default;
+
+SettingGroupObserver::SettingGroupObserver(SettingGroup& group) : SettingGroupObserver(&group) {}
+
+SettingGroupObserver::SettingGroupObserver(SettingGroup* group) {
+  if (group) RegistryAccess::attach(*this, RegistryAccess::observersOf(*group));
+}
+
+SettingGroupObserver::~SettingGroupObserver() = default;
+
+// ----------------------------------------------------------------- settings
+
+Setting::Setting(SettingGroup& group, const QString& name, bool firstFlag, bool secondFlag)
+    : mName(name), mGroup(&group), mFirstFlag(firstFlag), mSecondFlag(secondFlag) {
+  // Only the address of `group` is compared here: its constructor may not
+  // have run yet.
+  for (SettingGroup* g = gGroupHead; g; g = g->mNext) {
+    if (g == &group) {
+      group.mSettings.push_back(this);
+      return;
+    }
+  }
+  mPendingNext = gPendingHead;
+  if (gPendingHead) gPendingHead->mPendingPrev = this;
+  gPendingHead = this;
+}
+
+Setting::~Setting() {
+  if (gPendingHead == this || mPendingPrev) {
+    // Deliberate: a setting destroyed before its group was ever constructed
+    // only leaves the pending list; the group never adopted it, so there is
+    // nothing to remove from the group (whose storage may not even be a
+    // constructed object).
+    if (mPendingPrev) {
+      mPendingPrev->mPendingNext = mPendingNext;
+    } else {
+      gPendingHead = mPendingNext;
+    }
+    if (mPendingNext) mPendingNext->mPendingPrev = mPendingPrev;
+    mPendingNext = mPendingPrev = nullptr;
+  } else if (mGroup) {
+    std::vector<Setting*>& members = mGroup->mSettings;
+    for (auto it = members.begin(); it != members.end(); ++it) {
+      if (*it == this) {
+        members.erase(it);
+        break;
+      }
+    }
+  }
+  // Deliberate: a setting that dies while recorded in an open restore frame
+  // leaves the frame, so that popAllSettings() never reaches a dead object.
+  if (!sRestoreList.isEmpty()) {
+    for (QList<Setting*>& frame : sRestoreList) frame.removeAll(this);
+  }
+  RegistryAccess::detachAll(&mObservers);
+}
+
+void Setting::notifyChanged() {
+  RegistryAccess::notify(&mObservers, &SettingObserver::onChanged, SettingEvent{this}, false);
+  if (mGroup) {
+    RegistryAccess::notify(&mGroup->mObservers, &SettingGroupObserver::onChanged,
+                           SettingGroupEvent{mGroup, this}, false);
+  }
+}
+
+void Setting::notifyPreDelete() {
+  RegistryAccess::notify(&mObservers, &SettingObserver::onPreDelete, SettingEvent{this}, true);
+}
+
+void Setting::recordChange() {
+  if (sRestoreList.isEmpty()) return;
+  sRestoreList.first().prepend(this);
+  pushSetting();
+}
+
+Setting* Setting::findSetting(const QString& name) {
+  // Goes through the virtual accessors, so groups that override them are
+  // searched as they present themselves.
+  for (SettingGroup* group = gGroupHead; group; group = group->mNext) {
+    const int count = group->getSettingCount();
+    for (int j = 0; j < count; ++j) {
+      Setting* setting = group->getSetting(j);
+      if (setting->getName() == name) return setting;
+    }
+  }
+  return nullptr;
+}
+
+void Setting::pushAllSettings() { sRestoreList.prepend(QList<Setting*>()); }
+
+bool Setting::popAllSettings() {
+  if (sRestoreList.isEmpty()) return false;
+  // A copy: popSetting() of a client class may set values (recording into
+  // this very frame) without disturbing the walk.
+  const QList<Setting*> frame = sRestoreList.first();
+  for (Setting* setting : frame) setting->popSetting();
+  sRestoreList.removeFirst();
+  return true;
+}
+
+// ------------------------------------------------------------------- groups
+
+SettingGroup::SettingGroup(const QString& name) : mName(name) {
+  mNext = gGroupHead;
+  if (gGroupHead) gGroupHead->mPrev = this;
+  gGroupHead = this;
+  ++gGroupCount;
+
+  // Adopt the settings that were waiting for this group, in pending-list
+  // order (newest first).
+  Setting* setting = gPendingHead;
+  while (setting) {
+    Setting* next = setting->mPendingNext;
+    if (setting->mGroup == this) {
+      if (setting->mPendingPrev) {
+        setting->mPendingPrev->mPendingNext = next;
+      } else {
+        gPendingHead = next;
+      }
+      if (next) next->mPendingPrev = setting->mPendingPrev;
+      setting->mPendingNext = setting->mPendingPrev = nullptr;
+      mSettings.push_back(setting);
+    }
+    setting = next;
+  }
+}
+
+SettingGroup::~SettingGroup() {
+  RegistryAccess::notify(&mObservers, &SettingGroupObserver::onPreDelete,
+                         SettingGroupEvent{this, nullptr}, false);
+
+  if (mPrev) {
+    mPrev->mNext = mNext;
+  } else {
+    gGroupHead = mNext;
+  }
+  if (mNext) mNext->mPrev = mPrev;
+  mNext = mPrev = nullptr;
+  --gGroupCount;
+
+  for (Setting* setting : mSettings) setting->mGroup = nullptr;
+  mSettings.clear();
+  RegistryAccess::detachAll(&mObservers);
+}
+
+const QString& SettingGroup::getName() const { return mName; }
+
+int SettingGroup::getSettingCount() const { return static_cast<int>(mSettings.size()); }
+
+Setting* SettingGroup::getSetting(int index) const {
+  if (index < 0 || index >= getSettingCount()) {
+    throw std::out_of_range("SettingGroup::getSetting: index out of range");
+  }
+  return mSettings[static_cast<std::size_t>(index)];
+}
+
+Setting* SettingGroup::getSetting(const QString& name) const {
+  for (Setting* setting : mSettings) {
+    if (setting->getName() == name) return setting;
+  }
+  return nullptr;
+}
+
+SettingGroup* SettingGroup::getGroup(const QString& name) {
+  for (SettingGroup* group = gGroupHead; group; group = group->mNext) {
+    if (group->getName() == name) return group;
+  }
+  return nullptr;
+}
+
+int SettingGroup::getGroupCount() { return gGroupCount; }
+
+SettingGroup* SettingGroup::getGroup(int index) {
+  if (index < 0) return nullptr;
+  SettingGroup* group = gGroupHead;
+  for (; group && index > 0; --index) group = group->mNext;
+  return group;
+}
+
+}  // namespace kestrel
