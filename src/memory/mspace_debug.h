@@ -1,0 +1,40 @@
+// Internal interface of the mspace allocator for its tests and for debug
+// builds: the consistency checker, a snapshot of the process-wide parameters
+// and a hook to replace the unmapping function. Not part of the public API;
+// compiled only when KESTREL_MSPACE_CHECKS is on (debug and test builds).
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "kestrel/export.h"
+#include "kestrel/memory.h"
+#include "memory/mspace_layout.h"
+
+namespace kestrel::internal {
+
+// Layout numbers for outside observers.
+using mspace_detail::kDirectMapExtra;   // direct map request: nb + this, granularity-aligned
+using mspace_detail::kSegmentMapExtra;  // segment request: nb + this, granularity-aligned
+using mspace_detail::kTopFootSize;
+using mspace_detail::requestToSize;     // the normalised chunk size nb of a request
+
+struct MspaceParams {
+  std::size_t page_size;
+  std::size_t granularity;
+  std::size_t trim_threshold;
+  std::size_t mmap_threshold;
+};
+
+// The current process-wide parameters (initialising them if needed).
+KESTREL_EXPORT MspaceParams mspaceParams();
+
+// Walks every segment and every bin of msp and verifies the allocator's
+// invariants. Returns an empty string when all hold, else a description of
+// the first one found broken.
+KESTREL_EXPORT std::string mspaceCheckConsistency(mspace msp);
+
+// Replaces the unmapping function of msp (the public API keeps the default).
+KESTREL_EXPORT void mspaceSetUnmapFunction(mspace msp, mspace_munmap_func fn);
+
+}  // namespace kestrel::internal
