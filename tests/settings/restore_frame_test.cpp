@@ -122,6 +122,38 @@ TEST_F(RestoreFrames, PoppedValueCanBeAnnouncedExplicitly) {
   EXPECT_FALSE(setting.get());
 }
 
+TEST_F(RestoreFrames, PopWalksTheFrameMostRecentChangeFirst) {
+  class JournalingSetting : public IntSetting {
+   public:
+    JournalingSetting(SettingGroup& group, const char* name, std::vector<std::string>* journal)
+        : IntSetting(group, QString::fromLatin1(name), 0, false, false),
+          mName(name),
+          mJournal(journal) {}
+    ~JournalingSetting() override { notifyPreDelete(); }
+    bool popSetting() override {
+      mJournal->push_back(mName);
+      return IntSetting::popSetting();
+    }
+
+   private:
+    std::string mName;
+    std::vector<std::string>* mJournal;
+  };
+  SettingGroup group(QStringLiteral("frame.order"));
+  std::vector<std::string> journal;
+  JournalingSetting a(group, "a", &journal);
+  JournalingSetting b(group, "b", &journal);
+
+  Setting::pushAllSettings();
+  a.set(1);
+  b.set(1);
+  b.set(2);
+  Setting::popAllSettings();
+  EXPECT_EQ(journal, (std::vector<std::string>{"b", "b", "a"}));
+  EXPECT_EQ(a.get(), 0);
+  EXPECT_EQ(b.get(), 0);
+}
+
 TEST_F(RestoreFrames, ValueStackIsLastInFirstOut) {
   SettingGroup group(QStringLiteral("frame.stack"));
   FloatSetting setting(group, QStringLiteral("f"), 1.0f, false, false);
