@@ -13,6 +13,10 @@ namespace {
 SettingGroup* gGroupHead = nullptr;
 int gGroupCount = 0;
 Setting* gPendingHead = nullptr;
+// Frames opened by pushAllSettings() and not yet popped. Trivially
+// destructible, so a static setting dying at exit after sRestoreList may
+// still ask whether any frame is open.
+int gOpenFrames = 0;
 
 }  // namespace
 
@@ -135,7 +139,7 @@ Setting::~Setting() {
   }
   // Deliberate: a setting that dies while recorded in an open restore frame
   // leaves the frame, so that popAllSettings() never reaches a dead object.
-  if (!sRestoreList.isEmpty()) {
+  if (gOpenFrames > 0) {
     for (QList<Setting*>& frame : sRestoreList) frame.removeAll(this);
   }
   RegistryAccess::detachAll(&mObservers);
@@ -172,7 +176,10 @@ Setting* Setting::findSetting(const QString& name) {
   return nullptr;
 }
 
-void Setting::pushAllSettings() { sRestoreList.prepend(QList<Setting*>()); }
+void Setting::pushAllSettings() {
+  sRestoreList.prepend(QList<Setting*>());
+  ++gOpenFrames;
+}
 
 bool Setting::popAllSettings() {
   if (sRestoreList.isEmpty()) return false;
@@ -181,6 +188,7 @@ bool Setting::popAllSettings() {
   const QList<Setting*> frame = sRestoreList.first();
   for (Setting* setting : frame) setting->popSetting();
   sRestoreList.removeFirst();
+  --gOpenFrames;
   return true;
 }
 
