@@ -115,22 +115,6 @@ TEST_F(Registry, FindSettingPrefersNewestGroup) {
   EXPECT_EQ(Setting::findSetting(QStringLiteral("reg.find.absent")), nullptr);
 }
 
-TEST_F(Registry, ConstructorStoresNameGroupAndFlagsUnchanged) {
-  SettingGroup group(QStringLiteral("reg.flags"));
-  const struct {
-    bool first, second;
-  } rows[] = {{false, false}, {true, false}, {false, true}, {true, true}};
-  for (const auto& row : rows) {
-    DoubleSetting setting(group, QStringLiteral("flagged"), 0.0, row.first, row.second);
-    EXPECT_EQ(setting.getFirstFlag(), row.first);
-    EXPECT_EQ(setting.getSecondFlag(), row.second);
-    EXPECT_EQ(setting.getName(), QStringLiteral("flagged"));
-    EXPECT_EQ(setting.getGroup(), &group);
-    EXPECT_EQ(setting.getModifier(), nullptr);
-  }
-  EXPECT_EQ(group.getSettingCount(), 0) << "each setting left the group when destroyed";
-}
-
 TEST_F(Registry, SettingDestroyedBeforeGroupLeavesIt) {
   SettingGroup group(QStringLiteral("reg.leave"));
   IntSetting a(group, QStringLiteral("a"), 0, false, false);
@@ -165,16 +149,6 @@ TEST_F(Registry, GroupDestroyedFirstLeavesSettingsOrphaned) {
 
   orphan.reset();  // touches no group
   EXPECT_EQ(watcher.preDeleted, 1);
-}
-
-TEST_F(Registry, GroupReplacedAtSameAddressDoesNotInheritOrphans) {
-  Late<SettingGroup> slot;
-  slot.construct(QStringLiteral("reg.reuse"));
-  IntSetting orphan(slot.ref(), QStringLiteral("reg.reuse.orphan"), 0, false, false);
-  slot.destroy();
-  SettingGroup& reborn = slot.construct(QStringLiteral("reg.reuse"));
-  EXPECT_EQ(reborn.getSettingCount(), 0);
-  EXPECT_EQ(orphan.getGroup(), nullptr);
 }
 
 }  // namespace

@@ -356,32 +356,5 @@ TEST_F(TextForms, SetValOnKindsWithoutNumberOnlyStampsModifier) {
   EXPECT_EQ(date.get(), kJuly4);
 }
 
-TEST_F(TextForms, EveryClassReportsItsKind) {
-  SettingGroup group(QStringLiteral("text.kind"));
-  IntHistogram histogram;
-  BoolSetting b(group, QStringLiteral("b"), false, false, false);
-  IntSetting i(group, QStringLiteral("i"), 0, false, false);
-  FloatSetting f(group, QStringLiteral("f"), 0, false, false);
-  DoubleSetting d(group, QStringLiteral("d"), 0, false, false);
-  StringSetting s(group, QStringLiteral("s"), QString(), false, false);
-  QDateTimeSetting t(group, QStringLiteral("t"), QDateTime(), false, false);
-  CountSetting c(group, QStringLiteral("c"), 0, false, false);
-  IntPairSetting p(group, QStringLiteral("p"), {0, 0}, false, false);
-  TimeSetting time(group, QStringLiteral("time"), {0, 0}, false, false);
-  HashedStringSetting h(group, QStringLiteral("h"), QString(), false, false);
-  IntHistogramSetting hist(group, QStringLiteral("hist"), histogram, false, false);
-
-  // The numbers are stored by clients, so they are checked as numbers.
-  const struct {
-    const Setting* setting;
-    int kind;
-  } rows[] = {{&b, 0}, {&i, 1}, {&f, 2}, {&d, 3},    {&s, 4},   {&t, 5},
-              {&c, 6}, {&p, 7}, {&time, 8}, {&h, 9}, {&hist, 10}};
-  for (const auto& row : rows) {
-    EXPECT_EQ(static_cast<int>(row.setting->getType()), row.kind)
-        << row.setting->getName().toStdString();
-  }
-}
-
 }  // namespace
 }  // namespace kestrel::test
