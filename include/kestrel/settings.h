@@ -127,7 +127,8 @@ class KESTREL_EXPORT Observer {
 };
 
 // Watches one setting. Attaches at construction at the head of the setting's
-// list, so the most recently attached observer is told first.
+// list, so the most recently attached observer is told first. Main thread
+// only, unsynchronised.
 class KESTREL_EXPORT SettingObserver : public Observer {
  public:
   explicit SettingObserver(Setting& setting);
@@ -144,7 +145,8 @@ class KESTREL_EXPORT SettingObserver : public Observer {
 };
 
 // Watches one group: told after each change of any member setting (after the
-// setting's own observers) and once when the group is destroyed.
+// setting's own observers) and once when the group is destroyed. Main thread
+// only, unsynchronised.
 class KESTREL_EXPORT SettingGroupObserver : public Observer {
  public:
   explicit SettingGroupObserver(SettingGroup& group);
