@@ -20,8 +20,9 @@
 // the start of its mapping). An in-use chunk costs one word of overhead
 // because the next chunk's prev_foot is only needed while this one is free.
 //
-// Free chunks live in bins: 32 small bins of one exact size each (a
-// circular doubly-linked list per bin, sizes below 256) and 32 tree bins,
+// Free chunks live in bins: 32 small bins of one exact size each, spaced by
+// the chunk alignment (a circular doubly-linked list per bin, sizes below
+// 32 * kAlignment: 512 on 64-bit) and 32 tree bins,
 // each a bitwise trie keyed by size over a range of sizes. Two bitmaps say
 // which bins are non-empty. Besides the bins, the designated victim (dv) is
 // the remainder of the last split for a small request, used first for the
@@ -97,8 +98,9 @@ inline constexpr size_t requestToSize(size_t req) {
 
 inline constexpr bindex_t kSmallBins = 32;
 inline constexpr bindex_t kTreeBins = 32;
-inline constexpr unsigned kSmallBinShift = 3;
-inline constexpr unsigned kTreeBinShift = 8;
+// Small bins are one alignment unit apart: every bin can hold chunks.
+inline constexpr unsigned kSmallBinShift = __builtin_ctzll(kAlignment);
+inline constexpr unsigned kTreeBinShift = kSmallBinShift + 5;  // first size after the small bins
 inline constexpr size_t kMinLargeSize = size_t{1} << kTreeBinShift;
 inline constexpr size_t kMaxSmallSize = kMinLargeSize - 1;
 inline constexpr size_t kMaxSmallRequest = kMaxSmallSize - kAlignMask - kChunkOverhead;
@@ -286,7 +288,7 @@ inline void clearTreemap(State* m, bindex_t i) { m->treemap &= ~idxToBit(i); }
 inline bool treemapIsMarked(const State* m, bindex_t i) { return (m->treemap & idxToBit(i)) != 0; }
 
 // Tree bin of a size >= kMinLargeSize. Each pair of bins splits one power of
-// two in halves; the last bin takes everything from 0x1800000 up.
+// two in halves; the last bin takes everything from 1.5 * 2^(15 + kTreeBinShift) up.
 inline bindex_t treeIndex(size_t s) {
   const size_t x = s >> kTreeBinShift;
   if (x == 0) return 0;
@@ -333,95 +335,9 @@ inline void unlinkFirstSmallChunk(State* m, Chunk* b, Chunk* p, bindex_t i) {
   f->bk = b;
 }
 
-inline void insertLargeChunk(State* m, Chunk* x, size_t s) {
-  const bindex_t i = treeIndex(s);
-  Chunk** h = treeBinAt(m, i);
-  x->index = i;
-  x->child[0] = x->child[1] = nullptr;
-  if (!treemapIsMarked(m, i)) {
-    markTreemap(m, i);
-    *h = x;
-    x->parent = reinterpret_cast<Chunk*>(h);  // a root points at its bin slot
-    x->fd = x->bk = x;
-    return;
-  }
-  Chunk* t = *h;
-  size_t k = s << leftShiftForTreeIndex(i);
-  for (;;) {
-    if (chunkSize(t) != s) {
-      Chunk** c = &t->child[(k >> kTopBit) & 1];
-      k <<= 1;
-      if (*c != nullptr) {
-        t = *c;
-      } else {
-        *c = x;
-        x->parent = t;
-        x->fd = x->bk = x;
-        return;
-      }
-    } else {
-      // Same size as a tree node: chain behind it, outside the trie.
-      Chunk* f = t->fd;
-      t->fd = f->bk = x;
-      x->fd = f;
-      x->bk = t;
-      x->parent = nullptr;
-      return;
-    }
-  }
-}
-
-inline void unlinkLargeChunk(State* m, Chunk* x) {
-  Chunk* xp = x->parent;
-  Chunk* r;
-  if (x->bk != x) {
-    // Another chunk of the same size takes x's place.
-    Chunk* f = x->fd;
-    r = x->bk;
-    f->bk = r;
-    r->fd = f;
-  } else {
-    // Replace x by a leaf of its subtree (any descendant may take its place
-    // because it shares x's prefix).
-    Chunk** rp = &x->child[1];
-    r = *rp;
-    if (r == nullptr) {
-      rp = &x->child[0];
-      r = *rp;
-    }
-    if (r != nullptr) {
-      for (;;) {
-        Chunk** cp = &r->child[1];
-        if (*cp == nullptr) cp = &r->child[0];
-        if (*cp == nullptr) break;
-        rp = cp;
-        r = *rp;
-      }
-      *rp = nullptr;
-    }
-  }
-  if (xp == nullptr) return;  // x was chained behind a node; the ring splice was enough
-  Chunk** h = treeBinAt(m, x->index);
-  if (x == *h) {
-    *h = r;
-    if (r == nullptr) clearTreemap(m, x->index);
-  } else if (xp->child[0] == x) {
-    xp->child[0] = r;
-  } else {
-    xp->child[1] = r;
-  }
-  if (r != nullptr) {
-    r->parent = xp;
-    if (Chunk* c0 = x->child[0]; c0 != nullptr) {
-      r->child[0] = c0;
-      c0->parent = r;
-    }
-    if (Chunk* c1 = x->child[1]; c1 != nullptr) {
-      r->child[1] = c1;
-      c1->parent = r;
-    }
-  }
-}
+// Tree-bin insertion and removal (out of line: off the small-size hot path).
+void insertLargeChunk(State* m, Chunk* x, size_t s);
+void unlinkLargeChunk(State* m, Chunk* x);
 
 inline void insertChunk(State* m, Chunk* p, size_t s) {
   if (isSmall(s))

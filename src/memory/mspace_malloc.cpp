@@ -7,7 +7,127 @@
 
 namespace kestrel {
 namespace mspace_detail {
+
+void insertLargeChunk(State* m, Chunk* x, size_t s) {
+  const bindex_t i = treeIndex(s);
+  Chunk** h = treeBinAt(m, i);
+  x->index = i;
+  x->child[0] = x->child[1] = nullptr;
+  if (!treemapIsMarked(m, i)) {
+    markTreemap(m, i);
+    *h = x;
+    x->parent = reinterpret_cast<Chunk*>(h);  // a root points at its bin slot
+    x->fd = x->bk = x;
+    return;
+  }
+  Chunk* t = *h;
+  size_t k = s << leftShiftForTreeIndex(i);
+  for (;;) {
+    if (chunkSize(t) != s) {
+      Chunk** c = &t->child[(k >> kTopBit) & 1];
+      k <<= 1;
+      if (*c != nullptr) {
+        t = *c;
+      } else {
+        *c = x;
+        x->parent = t;
+        x->fd = x->bk = x;
+        return;
+      }
+    } else {
+      // Same size as a tree node: chain behind it, outside the trie.
+      Chunk* f = t->fd;
+      t->fd = f->bk = x;
+      x->fd = f;
+      x->bk = t;
+      x->parent = nullptr;
+      return;
+    }
+  }
+}
+
+void unlinkLargeChunk(State* m, Chunk* x) {
+  Chunk* xp = x->parent;
+  Chunk* r;
+  if (x->bk != x) {
+    // Another chunk of the same size takes x's place.
+    Chunk* f = x->fd;
+    r = x->bk;
+    f->bk = r;
+    r->fd = f;
+  } else {
+    // Replace x by a leaf of its subtree (any descendant may take its place
+    // because it shares x's prefix).
+    Chunk** rp = &x->child[1];
+    r = *rp;
+    if (r == nullptr) {
+      rp = &x->child[0];
+      r = *rp;
+    }
+    if (r != nullptr) {
+      for (;;) {
+        Chunk** cp = &r->child[1];
+        if (*cp == nullptr) cp = &r->child[0];
+        if (*cp == nullptr) break;
+        rp = cp;
+        r = *rp;
+      }
+      *rp = nullptr;
+    }
+  }
+  if (xp == nullptr) return;  // x was chained behind a node; the ring splice was enough
+  Chunk** h = treeBinAt(m, x->index);
+  if (x == *h) {
+    *h = r;
+    if (r == nullptr) clearTreemap(m, x->index);
+  } else if (xp->child[0] == x) {
+    xp->child[0] = r;
+  } else {
+    xp->child[1] = r;
+  }
+  if (r != nullptr) {
+    r->parent = xp;
+    if (Chunk* c0 = x->child[0]; c0 != nullptr) {
+      r->child[0] = c0;
+      c0->parent = r;
+    }
+    if (Chunk* c1 = x->child[1]; c1 != nullptr) {
+      r->child[1] = c1;
+      c1->parent = r;
+    }
+  }
+}
+
 namespace {
+
+// Serves nb from the front of the dv; a remainder too small to be a chunk
+// goes with it.
+inline void* splitDv(State* m, size_t nb) {
+  const size_t rsize = m->dvsize - nb;
+  Chunk* p = m->dv;
+  if (rsize >= kMinChunkSize) {
+    Chunk* r = m->dv = plusOffset(p, nb);
+    m->dvsize = rsize;
+    setSizeAndPinuseOfFreeChunk(r, rsize);
+    setSizeAndPinuseOfInuseChunk(p, nb);
+  } else {
+    const size_t dvs = m->dvsize;
+    m->dvsize = 0;
+    m->dv = nullptr;
+    setInuseAndPinuse(p, dvs);
+  }
+  return chunkToMem(p);
+}
+
+// Serves nb (< topsize) from the front of the top chunk.
+inline void* splitTop(State* m, size_t nb) {
+  const size_t rsize = m->topsize -= nb;
+  Chunk* p = m->top;
+  Chunk* r = m->top = plusOffset(p, nb);
+  r->head = rsize | kPinuse;
+  setSizeAndPinuseOfInuseChunk(p, nb);
+  return chunkToMem(p);
+}
 
 // Splits chunk p (size psize, already unlinked) for a request of nb bytes;
 // the remainder, if it can stand as a chunk, goes to the bins.
@@ -98,16 +218,16 @@ void* tmallocLarge(State* m, size_t nb) {
   return splitAndBin(m, v, rsize + nb, nb);
 }
 
-}  // namespace
-
-void* internalMalloc(State* m, size_t bytes) {
+// Everything but the fast cases of mallocFast: the remaining small-request
+// strategies in order (next non-empty small bin, smallest tree chunk, dv,
+// top), large requests (best fit in the tree bins, dv, top) and growth.
+[[gnu::noinline]] void* mallocSlow(State* m, size_t bytes) {
   size_t nb;
-  if (bytes <= kMaxSmallRequest) [[likely]] {
+  if (bytes <= kMaxSmallRequest) {
     nb = requestToSize(bytes);
     bindex_t idx = smallIndex(nb);
     const binmap_t smallbits = m->smallmap >> idx;
-
-    if ((smallbits & 0x3U) != 0) [[likely]] {
+    if ((smallbits & 0x3U) != 0) {
       // Exact fit (or the next bin, whose remainder would be too small).
       idx += ~smallbits & 1U;
       Chunk* b = smallBinAt(m, idx);
@@ -147,39 +267,16 @@ void* internalMalloc(State* m, size_t bytes) {
     }
   }
 
-  if (nb <= m->dvsize) {
-    const size_t rsize = m->dvsize - nb;
-    Chunk* p = m->dv;
-    if (rsize >= kMinChunkSize) {
-      Chunk* r = m->dv = plusOffset(p, nb);
-      m->dvsize = rsize;
-      setSizeAndPinuseOfFreeChunk(r, rsize);
-      setSizeAndPinuseOfInuseChunk(p, nb);
-    } else {
-      const size_t dvs = m->dvsize;
-      m->dvsize = 0;
-      m->dv = nullptr;
-      setInuseAndPinuse(p, dvs);
-    }
-    return chunkToMem(p);
-  }
-  if (nb < m->topsize) {
-    const size_t rsize = m->topsize -= nb;
-    Chunk* p = m->top;
-    Chunk* r = m->top = plusOffset(p, nb);
-    r->head = rsize | kPinuse;
-    setSizeAndPinuseOfInuseChunk(p, nb);
-    return chunkToMem(p);
-  }
+  if (nb <= m->dvsize) return splitDv(m, nb);
+  if (nb < m->topsize) return splitTop(m, nb);
   return sysAlloc(m, nb);
 }
 
-void internalFree(State* m, void* mem) {
-  Chunk* p = memToChunk(mem);
-  if (!okAddress(m, p) || !cinuse(p)) [[unlikely]]
-    corruptionError();
+// Release with coalescing: merges with a free predecessor and successor
+// (the dv and the top included) and bins the result.
+[[gnu::noinline]] void freeSlow(State* m, Chunk* p) {
   size_t psize = chunkSize(p);
-  if (isMapped(p)) [[unlikely]] {
+  if (isMapped(p)) {
     const size_t offset = p->prev_foot;
     const size_t total = psize + offset + kMappedFootPad;
     if (m->munmap(reinterpret_cast<char*>(p) - offset, total, m->context) == 0) {
@@ -189,9 +286,9 @@ void internalFree(State* m, void* mem) {
     return;
   }
   Chunk* next = plusOffset(p, psize);
-  if (!pinuse(next)) [[unlikely]]
-    corruptionError();
+  if (!pinuse(next)) corruptionError();
 
+  const bool merged = !pinuse(p) || !cinuse(next);
   if (!pinuse(p)) {
     const size_t prevsize = p->prev_foot;
     Chunk* prev = minusOffset(p, prevsize);
@@ -235,8 +332,72 @@ void internalFree(State* m, void* mem) {
   } else {
     setFreeWithPinuse(p, psize, next);
   }
+  if (merged && m->dvsize == 0) {
+    // A chunk that grew by coalescing becomes the victim while there is none:
+    // neighbours freed next merge into it without bin traffic (frees tend to
+    // come in runs), and every request still reaches it.
+    m->dv = p;
+    m->dvsize = psize;
+    return;
+  }
   insertChunk(m, p, psize);
 }
+
+// The common cases, inlined into the entry points: an exact small-bin hit,
+// a split of the dv or of the top chunk.
+[[gnu::always_inline]] inline void* mallocFast(State* m, size_t bytes) {
+  if (bytes <= kMaxSmallRequest) [[likely]] {
+    const size_t nb = requestToSize(bytes);
+    const bindex_t idx = smallIndex(nb);
+    const binmap_t smallbits = m->smallmap >> idx;
+    if ((smallbits & 3U) != 0) [[likely]] {
+      // Exact fit, or the next size up (its 16-byte excess cannot stand alone).
+      const bindex_t i = idx + (~smallbits & 1U);
+      Chunk* b = smallBinAt(m, i);
+      Chunk* p = b->fd;
+      unlinkFirstSmallChunk(m, b, p, i);
+      setInuseAndPinuse(p, smallIndexToSize(i));
+      return chunkToMem(p);
+    }
+    if (nb <= m->dvsize) return splitDv(m, nb);
+    if ((smallbits | m->treemap) == 0 && nb < m->topsize) return splitTop(m, nb);
+  }
+  return mallocSlow(m, bytes);
+}
+
+// A chunk between two chunks in use goes straight to its small bin; one
+// that borders the top merges into it; everything else takes freeSlow.
+[[gnu::always_inline]] inline void freeFast(State* m, void* mem) {
+  Chunk* p = memToChunk(mem);
+  if (!okAddress(m, p) || !cinuse(p)) [[unlikely]]
+    corruptionError();
+  const size_t head = p->head;
+  const size_t psize = head & ~kFlagBits;
+  Chunk* next = plusOffset(p, psize);
+  if ((head & (kPinuse | kMappedBit)) == kPinuse && isSmall(psize)) [[likely]] {
+    const size_t nhead = next->head;
+    if ((nhead & kInuseBits) == kInuseBits) {
+      next->head = nhead & ~kPinuse;
+      setSizeAndPinuseOfFreeChunk(p, psize);
+      insertSmallChunk(m, p, psize);
+      return;
+    }
+    if (next == m->top && (nhead & kPinuse) != 0) {
+      const size_t tsize = m->topsize += psize;
+      m->top = p;
+      p->head = tsize | kPinuse;
+      if (tsize > m->trim_check) [[unlikely]]
+        sysTrim(m, 0);
+      return;
+    }
+  }
+  freeSlow(m, p);
+}
+
+}  // namespace
+
+void* internalMalloc(State* m, size_t bytes) { return mallocFast(m, bytes); }
+void internalFree(State* m, void* mem) { freeFast(m, mem); }
 
 }  // namespace mspace_detail
 
@@ -247,14 +408,14 @@ extern "C" {
 void* mspace_malloc(mspace msp, unsigned long bytes) {
   if (!okMagic(msp)) [[unlikely]]
     usageError();
-  return internalMalloc(msp, bytes);
+  return mallocFast(msp, bytes);
 }
 
 void mspace_free(mspace msp, void* mem) {
   if (mem == nullptr) return;
   if (!okMagic(msp)) [[unlikely]]
     usageError();
-  internalFree(msp, mem);
+  freeFast(msp, mem);
 }
 
 void* mspace_calloc(mspace msp, unsigned long n_elements, unsigned long elem_size) {

@@ -85,7 +85,7 @@ TEST_F(MspaceChecker, ReportsEachBrokenInvariant) {
          stray->child[1] = t.firstSmallBinChunk();
        }},
       {"dv also binned", "dv",
-       [](MspaceChecker& t) { insertChunk(t.m_, t.m_->dv, t.m_->dvsize); }},
+       [](MspaceChecker& t) { insertSmallChunk(t.m_, t.m_->dv, t.m_->dvsize); }},
       {"top size", "top", [](MspaceChecker& t) { t.m_->topsize -= 16; }},
       {"footprint", "footprint", [](MspaceChecker& t) { t.m_->footprint += 4096; }},
       {"adjacent free chunks", "adjacent",
@@ -95,7 +95,7 @@ TEST_F(MspaceChecker, ReportsEachBrokenInvariant) {
          const size_t s = chunkSize(p);
          setFreeWithPinuse(p, s, nextChunk(p));
          p->head &= ~kPinuse;  // its predecessor is free
-         insertChunk(t.m_, p, s);
+         insertSmallChunk(t.m_, p, s);
        }},
   };
   static unsigned char saved[sizeof gArena];
