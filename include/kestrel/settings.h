@@ -189,6 +189,7 @@ class KESTREL_EXPORT Setting {
   // Assigns from a number; kinds without a numeric value only stamp the
   // modifier.
   virtual void setVal(double value) = 0;
+  // The kind of this setting, for clients that handle kinds differently.
   virtual SettingType getType() const = 0;
   // Saves the current value on the setting's own value stack.
   virtual void pushSetting() = 0;
@@ -214,6 +215,8 @@ class KESTREL_EXPORT Setting {
   // Tells the setting's observers (newest first), then its group's
   // observers, that the value changed. Called by every setter after a real
   // change; call it yourself to announce a roll-back by popAllSettings().
+  // A setting still waiting for its group, or orphaned, tells only its own
+  // observers.
   void notifyChanged();
   // Tells the setting's observers that it is about to be destroyed,
   // detaching each before its handler runs. Group observers are not told.
@@ -282,7 +285,9 @@ class KESTREL_EXPORT SettingGroup {
   // orphans the member settings and detaches the observers.
   virtual ~SettingGroup();
 
+  // Name, compared case-sensitively.
   virtual const QString& getName() const;
+  // Number of member settings (pending and orphaned ones are not members).
   virtual int getSettingCount() const;
   // Member at `index` in adoption order. Throws std::out_of_range when
   // `index` is negative or not below getSettingCount().
@@ -324,6 +329,7 @@ class KESTREL_EXPORT TypedSetting : public Setting {
                bool secondFlag);
   ~TypedSetting() override;
 
+  // The current value.
   T get() const;
   // Stamps the modifier; when `value` differs (operator== of T) records the
   // change in the open restore frame, stores it and notifies observers. An
@@ -346,7 +352,9 @@ class KESTREL_EXPORT TypedSetting : public Setting {
   // limits (NaN gives 0); float: narrowed; double: as is; other kinds keep
   // their value and only stamp the modifier.
   void setVal(double value) override;
+  // Saves a copy of the value on the stack.
   void pushSetting() override;
+  // Takes the most recent saved value back, silently; false when none.
   bool popSetting() override;
 
  private:
@@ -498,6 +506,8 @@ class KESTREL_EXPORT IntHistogram {
   IntHistogram& operator=(const IntHistogram&);
   ~IntHistogram();
 
+  // The range and number of bins given at construction; all 0 for a
+  // default-constructed histogram, and a bin count below 1 reads 0.
   int getMinValue() const;
   int getMaxValue() const;
   int getBinCount() const;
@@ -538,6 +548,7 @@ class KESTREL_EXPORT IntHistogram {
 // and restore frames never record it. Main thread only, unsynchronised.
 class KESTREL_EXPORT IntHistogramSetting : public Setting {
  public:
+  // Joins `group` like any setting (see Setting); notifies nobody.
   IntHistogramSetting(SettingGroup& group, const QString& name, IntHistogram& histogram,
                       bool firstFlag, bool secondFlag);
   ~IntHistogramSetting() override;
@@ -547,6 +558,7 @@ class KESTREL_EXPORT IntHistogramSetting : public Setting {
   void addIntSample(int value);
   void updateMinSample(int value);
   void updateMaxSample(int value);
+  // The histogram given at construction.
   const IntHistogram& getHistogram() const { return *mHistogram; }
 
   void fromString(const QString& text) override;
@@ -593,12 +605,14 @@ class KESTREL_EXPORT MapAndLog {
   // Stores the key's value in `value` and returns true; false (and `value`
   // untouched) when the key is absent.
   bool get(int key, int& value) const;
+  // True when `key` has an entry.
   bool hasKey(int key) const;
   // First flag of entry settings created from now on.
   void setLogEnabled(bool enabled) { mLogEnabled = enabled; }
   bool isLogEnabled() const { return mLogEnabled; }
   // Number of keys in the map.
   int getEntryCount() const { return static_cast<int>(mEntries.size()); }
+  // The entries' name prefix and the capacity given at construction.
   const QString& getName() const { return mName; }
   int getMaxEntries() const { return mMaxEntries; }
 

@@ -68,6 +68,11 @@ struct RegistryAccess {
     }
   }
 
+  // True while the setting waits for its group's constructor to run.
+  static bool isPending(const Setting& setting) {
+    return gPendingHead == &setting || setting.mPendingPrev != nullptr;
+  }
+
   static Observer** observersOf(Setting& setting) { return &setting.mObservers; }
   static Observer** observersOf(SettingGroup& group) { return &group.mObservers; }
 };
@@ -116,7 +121,7 @@ Setting::Setting(SettingGroup& group, const QString& name, bool firstFlag, bool 
 }
 
 Setting::~Setting() {
-  if (gPendingHead == this || mPendingPrev) {
+  if (RegistryAccess::isPending(*this)) {
     // Deliberate: a setting destroyed before its group was ever constructed
     // only leaves the pending list; the group never adopted it, so there is
     // nothing to remove from the group (whose storage may not even be a
@@ -147,7 +152,10 @@ Setting::~Setting() {
 
 void Setting::notifyChanged() {
   RegistryAccess::notify(&mObservers, &SettingObserver::onChanged, SettingEvent{this}, false);
-  if (mGroup) {
+  // A pending setting's group has not been constructed yet: its observer
+  // list is not an object to read (zero-filled static storage would read as
+  // empty, any other storage as garbage), so nobody there is told.
+  if (mGroup && !RegistryAccess::isPending(*this)) {
     RegistryAccess::notify(&mGroup->mObservers, &SettingGroupObserver::onChanged,
                            SettingGroupEvent{mGroup, this}, false);
   }

@@ -64,6 +64,27 @@ TEST_F(Registry, SettingDestroyedWhilePendingIsNeverAdopted) {
   EXPECT_EQ(memberNames(group), std::vector<QString>{QStringLiteral("reg.pending.kept")});
 }
 
+// A static setting may change (memory counters, for one) before the
+// constructor of its group has run; the group is not read until it exists.
+TEST_F(Registry, PendingSettingChangeTellsOnlyItsOwnObservers) {
+  Late<SettingGroup> late;
+  IntSetting pending(late.ref(), QStringLiteral("reg.pending.change"), 0, false, false);
+  RecordingSettingObserver watcher(&pending, nullptr, "w");
+  Setting::pushAllSettings();
+  pending.set(1);
+  EXPECT_EQ(watcher.changed, 1);
+  EXPECT_EQ(Setting::sRestoreList.first(), QList<Setting*>{&pending});
+  EXPECT_TRUE(Setting::popAllSettings());
+  EXPECT_EQ(pending.get(), 0);
+
+  SettingGroup& group = late.construct(QStringLiteral("reg.pending.change"));
+  RecordingGroupObserver groupWatcher(&group, nullptr, "g");
+  pending.set(2);
+  EXPECT_EQ(watcher.changed, 2);
+  EXPECT_EQ(groupWatcher.changed, 1);
+  EXPECT_EQ(groupWatcher.lastSetting, &pending);
+}
+
 TEST_F(Registry, GroupsAreListedNewestFirstAndCountedWhileAlive) {
   const int before = SettingGroup::getGroupCount();
   {

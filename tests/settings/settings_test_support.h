@@ -8,6 +8,7 @@
 #include <QString>
 
 #include <cstddef>
+#include <cstring>
 #include <functional>
 #include <new>
 #include <ostream>
@@ -21,7 +22,9 @@ namespace kestrel::test {
 template <typename T>
 class Late {
  public:
-  Late() = default;
+  // The storage holds garbage, as an object's storage does before its
+  // constructor runs (outside zero-filled static storage).
+  Late() { std::memset(mStorage, 0xA5, sizeof(mStorage)); }
   Late(const Late&) = delete;
   Late& operator=(const Late&) = delete;
   ~Late() { destroy(); }
