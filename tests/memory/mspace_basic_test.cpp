@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <map>
+#include <random>
 #include <set>
 #include <utility>
 
@@ -212,6 +214,49 @@ TEST_F(MspaceApi, ZeroSizedRequestsGetDistinctMinimalBlocks) {
   mspace_free(m_, c);
 }
 
+TEST_F(MspaceApi, LargeRequestsTakeTheBestFittingFreeChunk) {
+  // Free chunks of many sizes, each fenced by blocks in use so nothing
+  // merges; a model of the free chunks says which one is the best fit for
+  // every request, and the allocator must hand out exactly that one.
+  alignas(16) static unsigned char arena[8 << 20];
+  mspace m = create_mspace_with_base(arena, sizeof arena, 0);
+  ASSERT_NE(m, nullptr);
+  std::mt19937_64 rng(7);
+  std::map<char*, std::size_t> freeChunks;  // chunk address -> chunk size
+  std::vector<char*> fences;
+  for (int i = 0; i < 200; ++i) {
+    const std::size_t request = 520 + rng() % 40000;
+    char* p = static_cast<char*>(mspace_malloc(m, request));
+    fences.push_back(static_cast<char*>(mspace_malloc(m, 8)));
+    ASSERT_TRUE(p && fences.back());
+    freeChunks[p - 16] = internal::requestToSize(request);
+  }
+  for (auto& [chunk, size] : freeChunks) mspace_free(m, chunk + 16);
+  ASSERT_MSPACE_CONSISTENT(m);
+
+  int served = 0;
+  for (int i = 0; i < 200; ++i) {
+    const std::size_t request = 500 + rng() % 30000;
+    const std::size_t nb = internal::requestToSize(request);
+    std::size_t best = ~std::size_t{0};
+    for (auto& [chunk, size] : freeChunks)
+      if (size >= nb && size < best) best = size;
+    if (best == ~std::size_t{0}) continue;  // would come from the top
+    ++served;
+    char* p = static_cast<char*>(mspace_malloc(m, request));
+    ASSERT_NE(p, nullptr);
+    const auto it = freeChunks.find(p - 16);
+    ASSERT_NE(it, freeChunks.end()) << "request " << request << " was not served from a free chunk";
+    EXPECT_EQ(it->second, best) << "request " << request << " (nb " << nb << ")";
+    const std::size_t rest = it->second - nb;
+    freeChunks.erase(it);
+    if (rest >= 32) freeChunks[p - 16 + nb] = rest;  // the remainder stays free (next to a fence)
+    ASSERT_MSPACE_CONSISTENT(m) << "after request " << i;
+  }
+  EXPECT_GT(served, 150);
+  EXPECT_EQ(destroy_mspace(m), 0u);
+}
+
 // ---- calloc, realloc, independent allocation --------------------------------
 
 TEST_F(MspaceApi, CallocClearsRecycledMemory) {
@@ -266,6 +311,24 @@ TEST_F(MspaceApi, ReallocKeepsContentsWhetherInPlaceOrMoved) {
   for (void* p : {static_cast<void*>(grown), static_cast<void*>(guard), static_cast<void*>(shrunk),
                   static_cast<void*>(fresh)})
     mspace_free(m_, p);
+}
+
+TEST_F(MspaceApi, ReallocGrowsIntoTheVictimNextToIt) {
+  char* a = static_cast<char*>(mspace_malloc(m_, 100));
+  char* b = static_cast<char*>(mspace_malloc(m_, 2000));
+  char* guard = static_cast<char*>(mspace_malloc(m_, 16));
+  ASSERT_TRUE(a && b && guard);
+  mspace_free(m_, b);
+  // The only free chunk is b's; a small request splits it and its rest
+  // becomes the designated victim, right behind the new block.
+  char* x = static_cast<char*>(mspace_malloc(m_, 24));
+  ASSERT_EQ(x, b);
+  Pattern::fill(x, 24, 8);
+  char* grown = static_cast<char*>(mspace_realloc(m_, x, 1500));
+  EXPECT_EQ(grown, x);
+  EXPECT_TRUE(Pattern::intact(grown, 24, 8));
+  ASSERT_MSPACE_CONSISTENT(m_);
+  for (char* p : {a, grown, guard}) mspace_free(m_, p);
 }
 
 TEST_F(MspaceApi, IndependentAllocationsAreSeparateFreeableBlocks) {
