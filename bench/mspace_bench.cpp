@@ -82,11 +82,17 @@ struct Entry {
 };
 Entry gJemalloc, gMimalloc;
 template <Entry* E>
-void* thunkAlloc(std::size_t n) { return E->alloc(n); }
+void* thunkAlloc(std::size_t n) {
+  return E->alloc(n);
+}
 template <Entry* E>
-void thunkRelease(void* p) { E->release(p); }
+void thunkRelease(void* p) {
+  E->release(p);
+}
 template <Entry* E>
-void* thunkResize(void* p, std::size_t n) { return E->resize(p, n); }
+void* thunkResize(void* p, std::size_t n) {
+  return E->resize(p, n);
+}
 
 // Loads a peer library privately; returns false (and says why) if it cannot.
 template <Entry* E>
@@ -190,8 +196,8 @@ void smallLifo(benchmark::State& state, const Peer& a) {
     }
     for (int i = kSmallBlocks - 1; i >= 0; --i) a.release(p[static_cast<std::size_t>(i)]);
   }
-  state.counters["ns_per_op"] = benchmark::Counter(kSmallBlocks, benchmark::Counter::kIsIterationInvariantRate |
-                                                                     benchmark::Counter::kInvert);
+  state.counters["ns_per_op"] =
+      benchmark::Counter(kSmallBlocks, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 void smallRandom(benchmark::State& state, const Peer& a) {
@@ -204,8 +210,8 @@ void smallRandom(benchmark::State& state, const Peer& a) {
     }
     for (int i : t.smallOrder) a.release(p[static_cast<std::size_t>(i)]);
   }
-  state.counters["ns_per_op"] = benchmark::Counter(kSmallBlocks, benchmark::Counter::kIsIterationInvariantRate |
-                                                                     benchmark::Counter::kInvert);
+  state.counters["ns_per_op"] =
+      benchmark::Counter(kSmallBlocks, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 // Runs the mixed trace once; `sample` is called after every step.
@@ -230,9 +236,8 @@ void runMixed(const Peer& a, std::vector<void*>& slots, Sample&& sample) {
 void mixed(benchmark::State& state, const Peer& a) {
   std::vector<void*> slots(kMixedSlots);
   for (auto _ : state) runMixed(a, slots, [](int, std::size_t) {});
-  state.counters["ns_per_op"] = benchmark::Counter(kMixedSlots + kMixedSteps,
-                                                   benchmark::Counter::kIsIterationInvariantRate |
-                                                       benchmark::Counter::kInvert);
+  state.counters["ns_per_op"] = benchmark::Counter(
+      kMixedSlots + kMixedSteps, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 void reallocGrowth(benchmark::State& state, const Peer& a) {
@@ -259,9 +264,8 @@ void reallocGrowth(benchmark::State& state, const Peer& a) {
     }
     for (void* p : b) a.release(p);
   }
-  state.counters["ns_per_op"] = benchmark::Counter(static_cast<double>(ops),
-                                                   benchmark::Counter::kIsIterationInvariantRate |
-                                                       benchmark::Counter::kInvert);
+  state.counters["ns_per_op"] = benchmark::Counter(
+      static_cast<double>(ops), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 // ---- peak footprint ------------------------------------------------------------
@@ -292,8 +296,8 @@ void* countingMap(unsigned long size, void* ctx) {
 }
 
 void measureFootprint() {
-  std::printf("\n# Peak footprint of the mixed trace (%d slots, %d steps; peak live request bytes %zu)\n",
-              kMixedSlots, kMixedSteps, traces().mixedPeakLive);
+  std::printf("\n# Peak footprint of the mixed trace (%d slots, %d steps; peak live request bytes %zu)\n", kMixedSlots,
+              kMixedSteps, traces().mixedPeakLive);
   std::vector<void*> slots(kMixedSlots);
 
   // mspace: a 64 KiB caller region, then everything through counting functions.
@@ -393,8 +397,9 @@ int main(int argc, char** argv) {
   SummaryReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
 
-  std::printf("\n# ns per malloc+free pair (per realloc for realloc_growth), fastest repetition;\n"
-              "# vs X = throughput ratio mspace/X = X ns / mspace ns (>= 1.0: mspace at least as fast)\n");
+  std::printf(
+      "\n# ns per malloc+free pair (per realloc for realloc_growth), fastest repetition;\n"
+      "# vs X = throughput ratio mspace/X = X ns / mspace ns (>= 1.0: mspace at least as fast)\n");
   std::printf("%-16s", "trace");
   for (const Peer& p : peers) std::printf("%12s", p.name.c_str());
   for (std::size_t i = 1; i < peers.size(); ++i) std::printf("%16s", ("vs " + peers[i].name).c_str());
@@ -408,8 +413,7 @@ int main(int argc, char** argv) {
       ns.push_back(it == reporter.best().end() ? 0 : it->second);
       std::printf("%12.2f", ns.back());
     }
-    for (std::size_t i = 1; i < peers.size(); ++i)
-      std::printf("%16.2f", ns[0] > 0 && ns[i] > 0 ? ns[i] / ns[0] : 0.0);
+    for (std::size_t i = 1; i < peers.size(); ++i) std::printf("%16.2f", ns[0] > 0 && ns[i] > 0 ? ns[i] / ns[0] : 0.0);
     std::printf("\n");
   }
   kestrel::destroy_mspace(gMspace);

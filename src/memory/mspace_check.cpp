@@ -103,7 +103,8 @@ class Checker {
     size_t steps = 0;
     for (Chunk* r = t->fd;; prev = r, r = r->fd) {
       if (++steps > kStepLimit) return format("tree chunk %p: ring does not close", static_cast<void*>(t));
-      if (r->bk != prev) return format("tree ring at %p: bad back link at %p", static_cast<void*>(t), static_cast<void*>(r));
+      if (r->bk != prev)
+        return format("tree ring at %p: bad back link at %p", static_cast<void*>(t), static_cast<void*>(r));
       if (r == t) break;
       if (chunkSize(r) != size || cinuse(r) || r->parent != nullptr)
         return format("tree ring at %p: member %p has size %zu, in-use %d or a parent", static_cast<void*>(t),
@@ -127,7 +128,8 @@ class Checker {
     } else {
       Chunk* dv = m_->dv;
       if (dv == nullptr) return "dv size is set without a dv chunk";
-      if (chunkSize(dv) != m_->dvsize) return format("dv chunk size %zu differs from dvsize %zu", chunkSize(dv), m_->dvsize);
+      if (chunkSize(dv) != m_->dvsize)
+        return format("dv chunk size %zu differs from dvsize %zu", chunkSize(dv), m_->dvsize);
       if (cinuse(dv) || m_->dvsize < kMinChunkSize) return "dv is marked in use or too small";
       if (binned_.count(dv) != 0) return "dv is also in a bin";
     }
@@ -146,12 +148,15 @@ class Checker {
     size_t n = 0;
     for (Segment* s = &m_->seg; s != nullptr; s = s->next) {
       if (++n > kStepLimit) return "segment list does not end";
-      if (s->size == 0 || s->base < m_->least_addr) return format("segment %p: empty or below least_addr", s->base);
-      if (isMappedSegment(s) == isExternSegment(s)) return format("segment %p: flags %#x", s->base, s->flags);
+      if (s->size == 0 || s->base < m_->least_addr)
+        return format("segment %p: empty or below least_addr", static_cast<void*>(s->base));
+      if (isMappedSegment(s) == isExternSegment(s))
+        return format("segment %p: flags %#x", static_cast<void*>(s->base), s->flags);
       for (Segment* o = s->next; o != nullptr; o = o->next)
         if (o->base < s->base + s->size && s->base < o->base + o->size)
-          return format("segments %p and %p overlap", s->base, o->base);
-      if (s != &m_->seg && !segmentHolds(s, s)) return format("segment %p: its record lies outside it", s->base);
+          return format("segments %p and %p overlap", static_cast<void*>(s->base), static_cast<void*>(o->base));
+      if (s != &m_->seg && !segmentHolds(s, s))
+        return format("segment %p: its record lies outside it", static_cast<void*>(s->base));
       segmentBytes_ += s->size;
       if (std::string e = walkSegment(s); !e.empty()) return e;
     }
@@ -164,7 +169,8 @@ class Checker {
     bool prevFree = false;
     Chunk* last = nullptr;
     for (;;) {
-      if (reinterpret_cast<char*>(q) + kMemOffset > end) return format("segment %p: chunk walk runs past the end", s->base);
+      if (reinterpret_cast<char*>(q) + kMemOffset > end)
+        return format("segment %p: chunk walk runs past the end", static_cast<void*>(s->base));
       if (q == m_->top) {
         if (s != &m_->seg) return "top found in a segment other than the head";
         if (prevFree) return format("free chunk %p is followed by top", static_cast<void*>(last));
@@ -182,8 +188,10 @@ class Checker {
       if (reinterpret_cast<char*>(next) + kMemOffset > end)
         return format("chunk %p of size %zu crosses the segment end", static_cast<void*>(q), size);
       if (!cinuse(q)) {
-        if (prevFree) return format("free chunks %p and %p are adjacent", static_cast<void*>(last), static_cast<void*>(q));
-        if (next->prev_foot != size) return format("free chunk %p: footer %zu, size %zu", static_cast<void*>(q), next->prev_foot, size);
+        if (prevFree)
+          return format("free chunks %p and %p are adjacent", static_cast<void*>(last), static_cast<void*>(q));
+        if (next->prev_foot != size)
+          return format("free chunk %p: footer %zu, size %zu", static_cast<void*>(q), next->prev_foot, size);
         if (q == m_->dv) {
           // the designated victim is accounted for by checkDvAndTop
         } else if (binned_.count(q) == 0) {
@@ -198,7 +206,8 @@ class Checker {
     }
     if (s == &m_->seg) return "head segment ends in fenceposts before reaching top";
     if (prevFree) return format("free chunk %p is followed by fenceposts", static_cast<void*>(last));
-    if (last != memToChunk(s)) return format("segment %p: the chunk before the fenceposts is not its record", s->base);
+    if (last != memToChunk(s))
+      return format("segment %p: the chunk before the fenceposts is not its record", static_cast<void*>(s->base));
     return {};
   }
 

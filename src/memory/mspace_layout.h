@@ -89,12 +89,8 @@ inline constexpr size_t kMinChunkSize = (offsetof(Chunk, child) + kAlignMask) & 
 inline constexpr size_t kMinRequest = kMinChunkSize - kChunkOverhead - 1;
 inline constexpr size_t kMaxRequest = (~kMinChunkSize + 1) << 2;  // larger requests always fail
 
-inline constexpr size_t padRequest(size_t req) {
-  return (req + kChunkOverhead + kAlignMask) & ~kAlignMask;
-}
-inline constexpr size_t requestToSize(size_t req) {
-  return req < kMinRequest ? kMinChunkSize : padRequest(req);
-}
+inline constexpr size_t padRequest(size_t req) { return (req + kChunkOverhead + kAlignMask) & ~kAlignMask; }
+inline constexpr size_t requestToSize(size_t req) { return req < kMinRequest ? kMinChunkSize : padRequest(req); }
 
 inline constexpr bindex_t kSmallBins = 32;
 inline constexpr bindex_t kTreeBins = 32;
@@ -153,9 +149,7 @@ inline size_t granularityAlign(size_t s) {
 [[noreturn]] void corruptionError();
 void setNoMemory();  // errno = ENOMEM
 
-inline bool mapFailed(void* p) {
-  return p == nullptr || p == reinterpret_cast<void*>(~uintptr_t{0});
-}
+inline bool mapFailed(void* p) { return p == nullptr || p == reinterpret_cast<void*>(~uintptr_t{0}); }
 
 }  // namespace mspace_detail
 
@@ -200,12 +194,8 @@ static_assert(kMspaceBaseOverhead == kStateChunkSize + kTopFootSize,
 // ---- chunk arithmetic ----------------------------------------------------
 
 inline Chunk* chunkAt(void* p) { return static_cast<Chunk*>(p); }
-inline Chunk* plusOffset(void* p, size_t s) {
-  return reinterpret_cast<Chunk*>(static_cast<char*>(p) + s);
-}
-inline Chunk* minusOffset(void* p, size_t s) {
-  return reinterpret_cast<Chunk*>(static_cast<char*>(p) - s);
-}
+inline Chunk* plusOffset(void* p, size_t s) { return reinterpret_cast<Chunk*>(static_cast<char*>(p) + s); }
+inline Chunk* minusOffset(void* p, size_t s) { return reinterpret_cast<Chunk*>(static_cast<char*>(p) - s); }
 inline void* chunkToMem(Chunk* p) { return reinterpret_cast<char*>(p) + kMemOffset; }
 inline Chunk* memToChunk(void* mem) { return minusOffset(mem, kMemOffset); }
 
@@ -270,9 +260,7 @@ inline bool isSmall(size_t s) { return (s >> kSmallBinShift) < kSmallBins; }
 inline bindex_t smallIndex(size_t s) { return static_cast<bindex_t>(s >> kSmallBinShift); }
 inline size_t smallIndexToSize(bindex_t i) { return size_t{i} << kSmallBinShift; }
 
-inline Chunk* smallBinAt(State* m, bindex_t i) {
-  return reinterpret_cast<Chunk*>(&m->smallbins[i << 1]);
-}
+inline Chunk* smallBinAt(State* m, bindex_t i) { return reinterpret_cast<Chunk*>(&m->smallbins[i << 1]); }
 inline Chunk** treeBinAt(State* m, bindex_t i) { return &m->treebins[i]; }
 
 inline binmap_t idxToBit(bindex_t i) { return binmap_t{1} << i; }
@@ -361,9 +349,7 @@ inline void replaceDv(State* m, Chunk* p, size_t s) {
 }
 
 inline bool okMagic(const State* m) { return m != nullptr && m->magic == kMagic; }
-inline bool okAddress(const State* m, const void* p) {
-  return static_cast<const char*>(p) >= m->least_addr;
-}
+inline bool okAddress(const State* m, const void* p) { return static_cast<const char*>(p) >= m->least_addr; }
 
 // ---- shared internals (defined in the mspace_*.cpp files) ------------------
 

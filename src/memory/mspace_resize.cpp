@@ -178,8 +178,7 @@ void** independentAlloc(State* m, size_t n, const size_t* sizes, int opts, void*
     elementSize = requestToSize(sizes[0]);
   } else {
     for (size_t i = 0; i != n; ++i) {
-      if (sizes[i] >= kMaxRequest ||
-          __builtin_add_overflow(contentsSize, requestToSize(sizes[i]), &contentsSize)) {
+      if (sizes[i] >= kMaxRequest || __builtin_add_overflow(contentsSize, requestToSize(sizes[i]), &contentsSize)) {
         setNoMemory();
         return nullptr;
       }
@@ -239,15 +238,13 @@ void* mspace_memalign(mspace msp, unsigned long alignment, unsigned long bytes) 
   return internalMemalign(msp, alignment, bytes);
 }
 
-void** mspace_independent_calloc(mspace msp, unsigned long n_elements, unsigned long elem_size,
-                                 void* chunks[]) {
+void** mspace_independent_calloc(mspace msp, unsigned long n_elements, unsigned long elem_size, void* chunks[]) {
   if (!okMagic(msp)) usageError();
   const size_t sz = elem_size;
   return independentAlloc(msp, n_elements, &sz, 3, chunks);
 }
 
-void** mspace_independent_comalloc(mspace msp, unsigned long n_elements, const unsigned long sizes[],
-                                   void* chunks[]) {
+void** mspace_independent_comalloc(mspace msp, unsigned long n_elements, const unsigned long sizes[], void* chunks[]) {
   if (!okMagic(msp)) usageError();
   return independentAlloc(msp, n_elements, sizes, 0, chunks);
 }

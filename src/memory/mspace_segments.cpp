@@ -158,8 +158,8 @@ void addSegment(State* m, char* tbase, size_t tsize, unsigned flags) {
   m->seg.size = tsize;
   m->seg.next = ss;
   m->seg.flags = flags;
-  for (Chunk* f = plusOffset(rec, kSegmentRecordChunk);
-       reinterpret_cast<char*>(&f->head) + kWord <= oldEnd; f = plusOffset(f, kWord))
+  for (Chunk* f = plusOffset(rec, kSegmentRecordChunk); reinterpret_cast<char*>(&f->head) + kWord <= oldEnd;
+       f = plusOffset(f, kWord))
     f->head = kFencepostHead;
   if (rec != oldTop) insertChunk(m, oldTop, oldTopSize);
 }
@@ -277,8 +277,7 @@ bool sysTrim(State* m, size_t pad) {
     if (extra != 0 && isMappedSegment(sp) && !isExternSegment(sp) && sp->size >= extra) {
       const size_t newsize = sp->size - extra;
       char* cut = sp->base + newsize;
-      if (!recordIn(m, cut, sp->base + sp->size) && m->munmap(cut, extra, m->context) == 0)
-        released = extra;
+      if (!recordIn(m, cut, sp->base + sp->size) && m->munmap(cut, extra, m->context) == 0) released = extra;
     }
     if (released != 0) {
       sp->size -= released;

@@ -141,9 +141,9 @@ TEST_F(MspaceApi, MemalignRoundsAlignmentUpToAPowerOfTwo) {
   const struct {
     std::size_t requested;
     std::size_t guaranteed;
-  } cases[] = {{0, 16},   {1, 16},    {8, 16},     {16, 16},     {17, 32},       {24, 32},  {32, 32},
-               {48, 64},  {64, 64},   {100, 128},  {1000, 1024}, {4096, 4096},   {5000, 8192},
-               {1 << 16, 1 << 16}, {(1 << 20) + 1, 1 << 21}};
+  } cases[] = {{0, 16},      {1, 16},      {8, 16},      {16, 16},           {17, 32},
+               {24, 32},     {32, 32},     {48, 64},     {64, 64},           {100, 128},
+               {1000, 1024}, {4096, 4096}, {5000, 8192}, {1 << 16, 1 << 16}, {(1 << 20) + 1, 1 << 21}};
   for (const auto& c : cases) {
     for (std::size_t bytes : {std::size_t{1}, std::size_t{40}, std::size_t{3000}}) {
       void* p = mspace_memalign(m_, c.requested, bytes);
@@ -308,8 +308,8 @@ TEST_F(MspaceApi, ReallocKeepsContentsWhetherInPlaceOrMoved) {
 
   char* fresh = static_cast<char*>(mspace_realloc(m_, nullptr, 64));  // null behaves as malloc
   ASSERT_NE(fresh, nullptr);
-  for (void* p : {static_cast<void*>(grown), static_cast<void*>(guard), static_cast<void*>(shrunk),
-                  static_cast<void*>(fresh)})
+  for (void* p :
+       {static_cast<void*>(grown), static_cast<void*>(guard), static_cast<void*>(shrunk), static_cast<void*>(fresh)})
     mspace_free(m_, p);
 }
 
@@ -355,7 +355,8 @@ TEST_F(MspaceApi, IndependentAllocationsAreSeparateFreeableBlocks) {
     }
     Pattern::fill(all[i].first, all[i].second, static_cast<unsigned>(i));
   }
-  for (std::size_t i = 0; i < all.size(); ++i) EXPECT_TRUE(Pattern::intact(all[i].first, all[i].second, static_cast<unsigned>(i)));
+  for (std::size_t i = 0; i < all.size(); ++i)
+    EXPECT_TRUE(Pattern::intact(all[i].first, all[i].second, static_cast<unsigned>(i)));
   for (std::size_t i = 0; i < all.size(); i += 2) mspace_free(m_, all[i].first);
   ASSERT_MSPACE_CONSISTENT(m_);
   for (std::size_t i = 1; i < all.size(); i += 2) mspace_free(m_, all[i].first);
@@ -431,7 +432,8 @@ TEST_F(MspaceApi, MallocStatsPrintsThreeExactLines) {
   ASSERT_NE(q, nullptr);
   const auto info = mspace_mallinfo(m_);
   char expected[256];
-  std::snprintf(expected, sizeof expected, "max system bytes = %10lu\nsystem bytes     = %10lu\nin use bytes     = %10lu\n",
+  std::snprintf(expected, sizeof expected,
+                "max system bytes = %10lu\nsystem bytes     = %10lu\nin use bytes     = %10lu\n",
                 static_cast<unsigned long>(info.usmblks), static_cast<unsigned long>(info.arena + info.hblkhd),
                 static_cast<unsigned long>(info.uordblks));
   EXPECT_EQ(captureStderr([&] { mspace_malloc_stats(m_); }), expected);

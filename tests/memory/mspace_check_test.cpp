@@ -84,8 +84,7 @@ TEST_F(MspaceChecker, ReportsEachBrokenInvariant) {
          Chunk* stray = t.someTreeChunk();
          stray->child[1] = t.firstSmallBinChunk();
        }},
-      {"dv also binned", "dv",
-       [](MspaceChecker& t) { insertSmallChunk(t.m_, t.m_->dv, t.m_->dvsize); }},
+      {"dv also binned", "dv", [](MspaceChecker& t) { insertSmallChunk(t.m_, t.m_->dv, t.m_->dvsize); }},
       {"top size", "top", [](MspaceChecker& t) { t.m_->topsize -= 16; }},
       {"footprint", "footprint", [](MspaceChecker& t) { t.m_->footprint += 4096; }},
       {"adjacent free chunks", "adjacent",

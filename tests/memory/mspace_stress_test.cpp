@@ -29,9 +29,9 @@ struct Config {
   const char* name;
   bool recorded;  // through a RecordingSystem (else create_mspace with the system defaults)
   Placement placement;
-  int granularity;     // 0: default, 1: the page size
-  int trimThreshold;   // 0: default
-  int mmapThreshold;   // 0: default (off)
+  int granularity;    // 0: default, 1: the page size
+  int trimThreshold;  // 0: default
+  int mmapThreshold;  // 0: default (off)
 };
 
 void PrintTo(const Config& c, std::ostream* os) { *os << c.name; }
@@ -115,7 +115,9 @@ class MspaceStress : public MspaceTest, public ::testing::WithParamInterface<Con
   void resize(std::size_t i) {
     Block& b = live_[i];
     // Half of the resizes stay near the old size (the in-place paths).
-    const std::size_t size = rng_() % 2 == 0 ? randomSize() : std::max<std::size_t>(1, b.size + rng_() % 512) - std::min<std::size_t>(b.size, 200);
+    const std::size_t size = rng_() % 2 == 0
+                                 ? randomSize()
+                                 : std::max<std::size_t>(1, b.size + rng_() % 512) - std::min<std::size_t>(b.size, 200);
     char* p = static_cast<char*>(mspace_realloc(m_, b.p, size));
     ASSERT_NE(p, nullptr) << "realloc to " << size;
     ASSERT_TRUE(isAligned(p, kMspaceAlignment));

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
-#include <climits>
 #include <algorithm>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -27,9 +27,7 @@ using kestrel::mspace;
 #define EXPECT_MSPACE_CONSISTENT(m) EXPECT_EQ(kestrel::internal::mspaceCheckConsistency(m), "")
 #define ASSERT_MSPACE_CONSISTENT(m) ASSERT_EQ(kestrel::internal::mspaceCheckConsistency(m), "")
 
-inline int asMalloptValue(std::size_t v) {
-  return v == ~std::size_t{0} ? -1 : static_cast<int>(v);
-}
+inline int asMalloptValue(std::size_t v) { return v == ~std::size_t{0} ? -1 : static_cast<int>(v); }
 
 // Base fixture: the process-wide parameters are put back after every test.
 class MspaceTest : public ::testing::Test {
@@ -116,7 +114,7 @@ class RecordingSystem {
 
   std::vector<Call> segmentMaps, directMaps, unmaps;
   int sbrkCalls = 0;
-  int foreignUnmaps = 0;       // unmaps of memory this provider never handed out
+  int foreignUnmaps = 0;                         // unmaps of memory this provider never handed out
   std::size_t failAfterBytes = ~std::size_t{0};  // mapping fails once this many bytes were handed out
   std::size_t handedOut = 0;
 
@@ -136,7 +134,8 @@ class RecordingSystem {
 
   void* map(std::size_t size, std::vector<Call> RecordingSystem::*log) {
     const std::size_t page = 4096;
-    if (handedOut + size > failAfterBytes || size > reserveSize_ / 4) return reinterpret_cast<void*>(~std::uintptr_t{0});
+    if (handedOut + size > failAfterBytes || size > reserveSize_ / 4)
+      return reinterpret_cast<void*>(~std::uintptr_t{0});
     char* at;
     switch (placement_) {
       case Placement::Gapped:

@@ -127,7 +127,8 @@ TEST_P(MspaceGrowth, DestroyUnmapsExactlyWhatItMapped) {
   // Every byte mapped is unmapped exactly once, and the caller's base never.
   std::set<char*> covered;
   for (const auto& u : sys.unmaps) {
-    EXPECT_FALSE(u.start < reinterpret_cast<char*>(base_ + sizeof base_) && u.start + u.size > reinterpret_cast<char*>(base_));
+    EXPECT_FALSE(u.start < reinterpret_cast<char*>(base_ + sizeof base_) &&
+                 u.start + u.size > reinterpret_cast<char*>(base_));
     for (std::size_t off = 0; off < u.size; off += 4096) EXPECT_TRUE(covered.insert(u.start + off).second);
   }
   for (const auto& s : sys.segmentMaps)
@@ -211,7 +212,8 @@ TEST_F(MspaceSystem, ExternalRegionIsNeverTrimmedOrUnmapped) {
 TEST_F(MspaceSystem, DefaultUnmapFunctionReleasesTheMappings) {
   // Black box: with the default unmapping function the segments are really
   // gone after destroy_mspace, while the caller's region stays usable.
-  mspace m = create_mspace_with_base_ca(base_, 4096, 0, &default_mmap_func, &default_direct_mmap_func, nullptr, nullptr);
+  mspace m =
+      create_mspace_with_base_ca(base_, 4096, 0, &default_mmap_func, &default_direct_mmap_func, nullptr, nullptr);
   ASSERT_NE(m, nullptr);
   std::vector<char*> blocks;
   for (int i = 0; i < 20; ++i) blocks.push_back(static_cast<char*>(mspace_malloc(m, 200000)));
