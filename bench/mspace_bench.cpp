@@ -344,19 +344,30 @@ class SummaryReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& r : runs) {
-      if (r.run_type != Run::RT_Iteration || r.error_occurred) continue;
+      if (r.error_occurred) continue;
       const auto it = r.counters.find("ns_per_op");
       if (it == r.counters.end()) continue;
       const double ns = it->second.value * 1e9;
-      double& best = best_[r.benchmark_name()];
-      if (best == 0 || ns < best) best = ns;  // fastest repetition: least disturbed by other load
+      if (r.run_type == Run::RT_Iteration) {
+        double& best = fastest_[r.run_name.str()];
+        if (best == 0 || ns < best) best = ns;  // fastest repetition: least disturbed by other load
+      } else if (r.aggregate_name == "median") {
+        median_[r.run_name.str()] = ns;
+      }
     }
     ConsoleReporter::ReportRuns(runs);
   }
-  const std::map<std::string, double>& best() const { return best_; }
+  // The fastest repetition, or the median when only aggregates were reported.
+  double result(const std::string& name) const {
+    if (const auto it = fastest_.find(name); it != fastest_.end()) return it->second;
+    if (const auto it = median_.find(name); it != median_.end()) return it->second;
+    return 0;
+  }
+  const char* statistic() const { return fastest_.empty() ? "median of the repetitions" : "fastest repetition"; }
 
  private:
-  std::map<std::string, double> best_;
+  std::map<std::string, double> fastest_;
+  std::map<std::string, double> median_;
 };
 
 // Re-executes the program once with room in the static TLS block for jemalloc.
@@ -398,8 +409,9 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
 
   std::printf(
-      "\n# ns per malloc+free pair (per realloc for realloc_growth), fastest repetition;\n"
-      "# vs X = throughput ratio mspace/X = X ns / mspace ns (>= 1.0: mspace at least as fast)\n");
+      "\n# ns per malloc+free pair (per realloc for realloc_growth), %s;\n"
+      "# vs X = throughput ratio mspace/X = X ns / mspace ns (>= 1.0: mspace at least as fast)\n",
+      reporter.statistic());
   std::printf("%-16s", "trace");
   for (const Peer& p : peers) std::printf("%12s", p.name.c_str());
   for (std::size_t i = 1; i < peers.size(); ++i) std::printf("%16s", ("vs " + peers[i].name).c_str());
@@ -409,8 +421,7 @@ int main(int argc, char** argv) {
     std::printf("%-16s", trace);
     std::vector<double> ns;
     for (const Peer& p : peers) {
-      const auto it = reporter.best().find(std::string(trace) + "/" + p.name);
-      ns.push_back(it == reporter.best().end() ? 0 : it->second);
+      ns.push_back(reporter.result(std::string(trace) + "/" + p.name));
       std::printf("%12.2f", ns.back());
     }
     for (std::size_t i = 1; i < peers.size(); ++i) std::printf("%16.2f", ns[0] > 0 && ns[i] > 0 ? ns[i] / ns[0] : 0.0);
