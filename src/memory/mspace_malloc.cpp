@@ -218,24 +218,17 @@ void* tmallocLarge(State* m, size_t nb) {
   return splitAndBin(m, v, rsize + nb, nb);
 }
 
-// Everything but the fast cases of mallocFast: the remaining small-request
-// strategies in order (next non-empty small bin, smallest tree chunk, dv,
-// top), large requests (best fit in the tree bins, dv, top) and growth.
+// Everything but the fast cases of mallocFast (which always runs first): the
+// remaining small-request strategies in order (next non-empty small bin,
+// smallest tree chunk, dv, top), large requests (best fit in the tree bins,
+// dv, top) and growth.
 [[gnu::noinline]] void* mallocSlow(State* m, size_t bytes) {
   size_t nb;
   if (bytes <= kMaxSmallRequest) {
+    // The exact and next-size bins are empty: mallocFast served those.
     nb = requestToSize(bytes);
-    bindex_t idx = smallIndex(nb);
+    const bindex_t idx = smallIndex(nb);
     const binmap_t smallbits = m->smallmap >> idx;
-    if ((smallbits & 0x3U) != 0) {
-      // Exact fit (or the next bin, whose remainder would be too small).
-      idx += ~smallbits & 1U;
-      Chunk* b = smallBinAt(m, idx);
-      Chunk* p = b->fd;
-      unlinkFirstSmallChunk(m, b, p, idx);
-      setInuseAndPinuse(p, smallIndexToSize(idx));
-      return chunkToMem(p);
-    }
     if (nb > m->dvsize) {
       if (smallbits != 0) {
         // The next non-empty small bin; its remainder becomes the dv.
