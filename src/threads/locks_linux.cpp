@@ -42,6 +42,25 @@ struct SemaphoreData {
 
 namespace {
 
+// The calling thread's handle, cached per thread: the lock's hot paths need
+// it on every lock and unlock, and reading it here is a single thread-local
+// load where pthread_self() is a call into the C library. Initial-exec
+// keeps the access free of a TLS lookup call; the 8 bytes fit the static TLS
+// reserve even when the library is loaded with dlopen.
+thread_local pthread_t tSelf __attribute__((tls_model("initial-exec"))) = 0;
+
+// Fills the cache; the callers' first use on a thread goes through here.
+[[gnu::noinline, gnu::cold]] pthread_t fillCurrentThread()
+{
+    return tSelf = pthread_self();
+}
+
+inline pthread_t currentThread()
+{
+    const pthread_t self = tSelf;
+    return __builtin_expect(self != 0, 1) ? self : fillCurrentThread();
+}
+
 bool multiProcessor()
 {
     static const bool many = sysconf(_SC_NPROCESSORS_ONLN) > 1;
@@ -89,27 +108,75 @@ SpinLock::~SpinLock()
     }
 }
 
-int SpinLock::lock(unsigned int timeoutMs)
+namespace {
+
+// The parts of lock() and unlock() that call the system, kept out of line so
+// that the owner's re-entry and release need no stack frame.
+// A thread's first lock or unlock fills the cache, then starts again; kept
+// out of line (and reached by a tail call) so that the hot paths keep no
+// stack frame.
+[[gnu::noinline, gnu::cold]] int lockOnFirstUse(SpinLock& lock, unsigned int timeoutMs)
 {
-    const pthread_t self = pthread_self();
-    if (d->owner.load(std::memory_order_relaxed) == self) {
-        d->count.store(d->count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        return 0;
-    }
+    fillCurrentThread();
+    return lock.lock(timeoutMs);
+}
+
+[[gnu::noinline, gnu::cold]] int unlockOnFirstUse(SpinLock& lock)
+{
+    fillCurrentThread();
+    return lock.unlock();
+}
+
+// The caller has just read currentThread(), so tSelf is set; reading it again
+// after the wait keeps one register fewer alive across the call.
+[[gnu::noinline]] int acquireForever(SpinLockData* data)
+{
+    if (pthread_mutex_lock(&data->region) != 0)
+        return -1;
+    data->count.store(1, std::memory_order_relaxed);
+    data->owner.store(tSelf, std::memory_order_relaxed);
+    return 0;
+}
+
+[[gnu::noinline]] int acquireWithin(SpinLockData* data, pthread_t self, unsigned int timeoutMs)
+{
     int rc;
-    if (timeoutMs == kForever) {
-        rc = pthread_mutex_lock(&d->region);
-    } else if (timeoutMs == 0) {
-        rc = pthread_mutex_trylock(&d->region);
+    if (timeoutMs == 0) {
+        rc = pthread_mutex_trylock(&data->region);
     } else {
         const timespec until = realtimeIn(timeoutMs);
-        rc = pthread_mutex_timedlock(&d->region, &until);
+        rc = pthread_mutex_timedlock(&data->region, &until);
     }
     if (rc != 0)
         return -1;
-    d->count.store(1, std::memory_order_relaxed);
-    d->owner.store(self, std::memory_order_relaxed);
+    data->count.store(1, std::memory_order_relaxed);
+    data->owner.store(self, std::memory_order_relaxed);
     return 0;
+}
+
+// The mutex is a normal or adaptive one, whose unlock always succeeds, so
+// its result is ours (a tail call).
+[[gnu::noinline]] int release(SpinLockData* data)
+{
+    data->owner.store(0, std::memory_order_relaxed);
+    return pthread_mutex_unlock(&data->region);
+}
+
+}  // namespace
+
+int SpinLock::lock(unsigned int timeoutMs)
+{
+    const pthread_t self = tSelf;
+    if (__builtin_expect(self == 0, 0))
+        return lockOnFirstUse(*this, timeoutMs);
+    SpinLockData* const data = d;
+    if (data->owner.load(std::memory_order_relaxed) == self) {
+        data->count.store(data->count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        return 0;
+    }
+    if (__builtin_expect(timeoutMs == kForever, 1))
+        return acquireForever(data);
+    return acquireWithin(data, self, timeoutMs);
 }
 
 int SpinLock::trylock()
@@ -119,20 +186,22 @@ int SpinLock::trylock()
 
 int SpinLock::unlock()
 {
-    if (d->owner.load(std::memory_order_relaxed) != pthread_self())
+    const pthread_t self = tSelf;
+    if (__builtin_expect(self == 0, 0))
+        return unlockOnFirstUse(*this);
+    SpinLockData* const data = d;
+    if (data->owner.load(std::memory_order_relaxed) != self)
         return -1;
-    const int count = d->count.load(std::memory_order_relaxed) - 1;
-    d->count.store(count, std::memory_order_relaxed);
+    const int count = data->count.load(std::memory_order_relaxed) - 1;
+    data->count.store(count, std::memory_order_relaxed);
     if (count > 0)
         return 0;
-    d->owner.store(0, std::memory_order_relaxed);
-    pthread_mutex_unlock(&d->region);
-    return 0;
+    return release(data);
 }
 
 ThreadHandle SpinLock::stealOwnership()
 {
-    const pthread_t self = pthread_self();
+    const pthread_t self = currentThread();
     d->owner.store(self, std::memory_order_relaxed);
     return self;
 }
@@ -154,7 +223,7 @@ namespace {
 // restored once the mutex is ours again. until == nullptr waits without limit.
 int waitWith(pthread_cond_t* cond, SpinLockData* lock, const timespec* until)
 {
-    const pthread_t self = pthread_self();
+    const pthread_t self = currentThread();
     if (lock->owner.load(std::memory_order_relaxed) != self)
         return -1;
     const int count = lock->count.load(std::memory_order_relaxed);
