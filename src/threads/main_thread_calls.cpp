@@ -207,8 +207,16 @@ void SyncMethodEvent::unlinkMethod()
 
 int SyncMethodEvent::post()
 {
-    SyncCustomEvent* ev = event;
-    Semaphore* wake = done;
+    // Read under the call lock: once posted, the main thread may change both,
+    // and the ordering through Qt's event queue is one the race detector
+    // cannot see.
+    SyncCustomEvent* ev;
+    Semaphore* wake;
+    {
+        CSMutex hold(callLock());
+        ev = event;
+        wake = done;
+    }
     QCoreApplication::postEvent(this, ev);
     if (!wake)
         return 0;  // from here on the main thread owns this object
@@ -219,13 +227,17 @@ int SyncMethodEvent::post()
 
 void SyncMethodEvent::customEvent(QEvent* e)
 {
+    // The call lock is taken before the event is even looked at: it orders
+    // this thread after the poster's set-up of the event and of this object
+    // in a way the race detector can see (Qt's event queue it cannot).
+    SpinLock& lock = callLock();
+    lock.lock(SpinLock::kForever);
     if (e->type() != static_cast<QEvent::Type>(kEventType)) {
+        lock.unlock();
         QObject::customEvent(e);
         return;
     }
     SyncCustomEvent* ev = static_cast<SyncCustomEvent*>(e);
-    SpinLock& lock = callLock();
-    lock.lock(SpinLock::kForever);
     if (ev->m_target != this) {
         lock.unlock();
         return;
