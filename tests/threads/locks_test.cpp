@@ -217,6 +217,26 @@ TEST(SpinLock, StealOwnershipLetsTheHeirOfAHeldLockReleaseIt)
     EXPECT_TRUE(freeForOthers(lock));
 }
 
+TEST(SpinLock, StealOwnershipNamesTheCallingThread)
+{
+    SpinLock lock;
+    ASSERT_EQ(lock.lock(), 0);
+    EXPECT_EQ(lock.stealOwnership(), kestrel::System::getCurrentThread());
+    EXPECT_EQ(lock.unlock(), 0);  // count untouched: one level, now free
+    EXPECT_TRUE(freeForOthers(lock));
+    kestrel::ThreadHandle other = 0, otherSelf = 0;
+    std::thread t([&] {
+        SpinLock own;
+        own.lock();
+        other = own.stealOwnership();
+        otherSelf = kestrel::System::getCurrentThread();
+        own.unlock();
+    });
+    t.join();
+    EXPECT_EQ(other, otherSelf);
+    EXPECT_NE(other, kestrel::System::getCurrentThread());
+}
+
 TEST(SpinLock, ExcludesUnderContention)
 {
     SpinLock lock;
