@@ -23,6 +23,15 @@ install(FILES
   ${PROJECT_BINARY_DIR}/KestrelBaseConfigVersion.cmake
   DESTINATION ${KESTREL_CMAKE_DIR})
 
+# The .pc file finds the prefix from its own folder, so the installed tree can
+# be moved (or installed with --prefix) and still be found.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(KESTREL_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH _kestrel_pc_up "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
+  string(REGEX REPLACE "/$" "" _kestrel_pc_up "${_kestrel_pc_up}")
+  set(KESTREL_PC_PREFIX "\${pcfiledir}/${_kestrel_pc_up}")
+endif()
 configure_file(cmake/kestrel-base.pc.in ${PROJECT_BINARY_DIR}/kestrel-base.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kestrel-base.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
