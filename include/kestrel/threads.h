@@ -106,7 +106,8 @@ public:
     // Records the calling thread as the owner without touching the count or
     // the underlying mutex, and returns the caller's handle. Lets a thread
     // that inherited a held lock (a hand-over between threads) release it.
-    // The hand-over itself must be synchronised by the caller.
+    // The hand-over itself must be synchronised by the caller. Taking over a
+    // free lock makes the next unlock() a no-op that returns 0.
     ThreadHandle stealOwnership();
 
     // stealOwnership() then unlock(): releases one level of a lock that
@@ -455,6 +456,8 @@ public:
     //   returned. Returns -1 too if the call was discarded unrun (the
     //   application was destroyed first).
     // - Elsewhere without wait: posts it like executeAsync() and returns 0.
+    // A waiting call blocks until the main thread processes events; a main
+    // thread that instead waits for the caller deadlocks with it.
     // Without an application object (QCoreApplication) a call from another
     // thread cannot be delivered: it returns -1 at once and does not run the
     // method. A waiting call made on the application's own thread when that

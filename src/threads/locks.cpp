@@ -58,7 +58,8 @@ std::atomic<SpinLock*> BlockMainLock::globalLock{nullptr};
 std::atomic<int> BlockMainLock::globalLockInited{0};
 long volatile BlockMainLock::globalLockInterlock = 0;
 
-// GlobalLock: each operation runs on the class's own statics.
+// Both classes run the same lazily created lock; inside each member the
+// unqualified names are that class's own statics.
 #define KESTREL_LAZY detail::LazyLock<>(globalLock, globalLockInited, globalLockInterlock)
 
 void GlobalLock::initGlobalLock()
@@ -91,10 +92,6 @@ void GlobalLock::shutdown()
     KESTREL_LAZY.shutdown();
 }
 
-#undef KESTREL_LAZY
-
-// BlockMainLock: each operation runs on the class's own statics.
-#define KESTREL_LAZY detail::LazyLock<>(globalLock, globalLockInited, globalLockInterlock)
 
 void BlockMainLock::initGlobalLock()
 {

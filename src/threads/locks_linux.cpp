@@ -154,11 +154,17 @@ namespace {
     return 0;
 }
 
-// The mutex is a normal or adaptive one, whose unlock always succeeds, so
-// its result is ours (a tail call).
-[[gnu::noinline]] int release(SpinLockData* data)
+// count is what the last level left: 0 normally. Below 0 the caller took
+// ownership of a free lock (stealOwnership) and there is no mutex to release.
+// The mutex is a normal or adaptive one, whose unlock always succeeds, so its
+// result is ours (a tail call).
+[[gnu::noinline]] int release(SpinLockData* data, int count)
 {
     data->owner.store(0, std::memory_order_relaxed);
+    if (count < 0) {
+        data->count.store(0, std::memory_order_relaxed);
+        return 0;
+    }
     return pthread_mutex_unlock(&data->region);
 }
 
@@ -196,7 +202,7 @@ int SpinLock::unlock()
     data->count.store(count, std::memory_order_relaxed);
     if (count > 0)
         return 0;
-    return release(data);
+    return release(data, count);
 }
 
 ThreadHandle SpinLock::stealOwnership()
