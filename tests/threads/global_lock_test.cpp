@@ -58,11 +58,13 @@ TEST(GlobalLock, ThreadsRacingTheFirstLockShareOneLock)
     EXPECT_EQ(overlaps.load(), 0);
 }
 
-TEST(GlobalLock, IsRecursive)
+TEST(GlobalLock, IsRecursiveAndOnlyTheHolderUnlocks)
 {
+    EXPECT_EQ(GlobalLock::unlock(), -1);
     ASSERT_EQ(GlobalLock::lock(), 0);
+    EXPECT_EQ(onOtherThread([] { return GlobalLock::unlock(); }), -1);
     ASSERT_EQ(GlobalLock::lock(), 0);
-    EXPECT_EQ(GlobalLock::trylock(), 0);
+    EXPECT_EQ(GlobalLock::trylock(), 0);  // three levels
     EXPECT_EQ(onOtherThread([] { return GlobalLock::trylock(); }), -1);
     EXPECT_EQ(GlobalLock::unlock(), 0);
     EXPECT_EQ(GlobalLock::unlock(), 0);
@@ -74,14 +76,6 @@ TEST(GlobalLock, IsRecursive)
                   return r;
               }),
               0);
-}
-
-TEST(GlobalLock, UnlockByANonHolderFails)
-{
-    EXPECT_EQ(GlobalLock::unlock(), -1);
-    ASSERT_EQ(GlobalLock::lock(), 0);
-    EXPECT_EQ(onOtherThread([] { return GlobalLock::unlock(); }), -1);
-    EXPECT_EQ(GlobalLock::unlock(), 0);
 }
 
 TEST(BlockMainLock, TrylockFromASecondThreadFailsWhileHeld)

@@ -287,16 +287,8 @@ namespace {
 
 class CountingTimer : public Timer {
 public:
-    void timeout() override
-    {
-        ++fired;
-        if (restartsLeft > 0) {
-            --restartsLeft;
-            start(5, true);
-        }
-    }
+    void timeout() override { ++fired; }
     int fired = 0;
-    int restartsLeft = 0;
 };
 
 }  // namespace
@@ -325,18 +317,6 @@ TEST_F(MainThreadCalls, ARepeatingTimerFiresUntilStopped)
     processEventsFor(40);
     EXPECT_EQ(timer.fired, fired);
     timer.stop();  // stopping a stopped timer is harmless
-    EXPECT_FALSE(timer.isActive());
-}
-
-TEST_F(MainThreadCalls, ASingleShotTimerCanRestartItselfAndStartReplacesARunningTimer)
-{
-    CountingTimer timer;
-    timer.restartsLeft = 2;
-    timer.start(60000, false);  // replaced by the next start
-    timer.start(5, true);
-    ASSERT_TRUE(processEventsUntil([&] { return timer.fired == 3; }));
-    processEventsFor(40);
-    EXPECT_EQ(timer.fired, 3);
     EXPECT_FALSE(timer.isActive());
 }
 
@@ -376,26 +356,6 @@ TEST_F(MainThreadCalls, AsyncMessageBoxFromAWorkerDoesNotBlock)
     QPointer<QMessageBox> watch(box);
     box->close();  // deletes itself once closed
     ASSERT_TRUE(processEventsUntil([&] { return watch.isNull(); }));
-}
-
-TEST_F(MainThreadCalls, AsyncMessageBoxIconsFollowTheType)
-{
-    const std::pair<System::MessageType, QMessageBox::Icon> kinds[] = {
-        {System::Information, QMessageBox::Information},
-        {System::Warning, QMessageBox::Warning},
-        {System::Critical, QMessageBox::Critical},
-        {System::Question, QMessageBox::Question},
-    };
-    for (const auto& [type, icon] : kinds) {
-        const QString title = QStringLiteral("kestrel box %1").arg(static_cast<int>(type));
-        ASSERT_EQ(System::AsyncMessageBox(type, title, QStringLiteral("x")), 0);
-        QMessageBox* box = nullptr;
-        ASSERT_TRUE(processEventsUntil([&] { return (box = findBox(title)) != nullptr; }));
-        EXPECT_EQ(box->icon(), icon);
-        QPointer<QMessageBox> watch(box);
-        box->close();
-        ASSERT_TRUE(processEventsUntil([&] { return watch.isNull(); }));
-    }
 }
 
 // ---------------------------------------------------------------------------
