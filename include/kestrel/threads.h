@@ -21,9 +21,10 @@
 //                  operation; its static execute()/executeAsync() run a
 //                  Timer::SyncMethod on the main thread.
 //
-// Result convention: every operation that returns an int returns 0 on
-// success and -1 on any failure (timeout, not acquired, not owner, system
-// error). Nothing here throws or logs.
+// Result convention: the lock, wait and post operations return 0 on success
+// and -1 on any failure (timeout, not acquired, not owner, system error);
+// Timer::execute passes on the result of the method it runs. Nothing here
+// throws or logs.
 //
 // Every lock and semaphore object is one pointer wide: it owns a private
 // record that carries the system handle, so this header needs no system
@@ -342,10 +343,10 @@ public:
 
     // Starts the workers and returns once every started worker is running.
     // Each worker then waits for ready() (or waitAttempts() ms) before its
-    // first callback. Returns 0; kAlreadyStarted (0xC0000002) if called before, changing
-    // nothing. A worker whose thread cannot be created is left out: its
-    // record keeps thread 0 and the crew runs with the others (the call
-    // still returns 0 and never waits for a worker that does not exist).
+    // first callback. Returns 0; kAlreadyStarted (0xC0000002) if called
+    // before, changing nothing. A worker whose thread cannot be created is
+    // left out: its record keeps thread 0 and the crew runs with the others
+    // (the call still returns 0 and never waits for a missing worker).
     unsigned int startThreads();
 
     // Announces one unit of work to every worker. At most two units are kept
@@ -353,9 +354,11 @@ public:
     // startThreads(). Thread-safe.
     void ready();
 
-    // Stops every worker and waits until all have left and ended. Returns 0,
-    // also at once when never started. A crew is started at most once, so
-    // after this the object can only be destroyed.
+    // Stops every worker and waits until all have left their loops (polling
+    // every 10 ms), then joins their threads. Returns 0, also at once when
+    // never started or already stopped. A crew is started at most once, so
+    // after this the object can only be destroyed. Must not be called from
+    // the handler's callback.
     int exitThreads();
 
     // The crew's rendezvous: counts the caller as one arrival in the current

@@ -22,6 +22,8 @@
 
 namespace kestrel {
 
+static_assert(SyncMethodEvent::kEventType == QEvent::User + 1, "the call event type is User + 1");
+
 namespace {
 
 // Deliberately never destroyed: calls can still be discarded while the

@@ -71,6 +71,15 @@ void processEventsFor(int ms)
     processEventsUntil([] { return false; }, ms);
 }
 
+QMessageBox* findBox(const QString& title)
+{
+    for (QWidget* w : QApplication::topLevelWidgets()) {
+        if (auto* box = qobject_cast<QMessageBox*>(w); box && box->windowTitle() == title)
+            return box;
+    }
+    return nullptr;
+}
+
 class MainThreadCalls : public ::testing::Test {
 protected:
     void SetUp() override
@@ -207,6 +216,39 @@ TEST_F(MainThreadCalls, AMethodDestroyedBeforeDeliveryIsNotRun)
     EXPECT_EQ(runs.load(), 2);
 }
 
+TEST_F(MainThreadCalls, CallsDiscardedUndeliveredAreReleasedUnrun)
+{
+    const auto discardCalls = [] {
+        QCoreApplication::removePostedEvents(nullptr, kestrel::SyncMethodEvent::kEventType);
+    };
+    // A waiting caller whose event is thrown away is released with -1.
+    RecordingMethod waited;
+    std::atomic<int> result{-2};
+    std::thread worker([&] { result = Timer::execute(waited, true); });
+    ASSERT_TRUE(kestrel_test::waitUntil([&] {
+        discardCalls();
+        return result.load() != -2;
+    }));
+    worker.join();
+    EXPECT_EQ(result.load(), -1);
+    EXPECT_EQ(waited.runs.load(), 0);
+    EXPECT_EQ(BlockMainLock::trylock(), 0);
+    EXPECT_EQ(BlockMainLock::unlock(), 0);
+
+    // Asynchronous calls go with their events: not run, and their methods
+    // can be destroyed afterwards (the address sanitizer build would catch
+    // a call freed without letting go of its method).
+    auto later = std::make_unique<RecordingMethod>();
+    ASSERT_EQ(Timer::executeAsync(*later), 0);
+    const QString title = QStringLiteral("kestrel discarded box");
+    ASSERT_EQ(System::AsyncMessageBox(System::Information, title, QStringLiteral("x")), 0);
+    discardCalls();
+    processEventsFor(20);
+    EXPECT_EQ(later->runs.load(), 0);
+    later.reset();  // its call is gone: nothing left to unlink
+    EXPECT_EQ(findBox(title), nullptr);
+}
+
 TEST_F(MainThreadCalls, ACopyOfAMethodIsNotLinkedToItsCalls)
 {
     std::atomic<int> runs{0};
@@ -324,18 +366,6 @@ TEST_F(MainThreadCalls, ARepeatingTimerFiresUntilStopped)
 // System::AsyncMessageBox
 // ---------------------------------------------------------------------------
 
-namespace {
-
-QMessageBox* findBox(const QString& title)
-{
-    for (QWidget* w : QApplication::topLevelWidgets()) {
-        if (auto* box = qobject_cast<QMessageBox*>(w); box && box->windowTitle() == title)
-            return box;
-    }
-    return nullptr;
-}
-
-}  // namespace
 
 TEST_F(MainThreadCalls, AsyncMessageBoxFromAWorkerDoesNotBlock)
 {
