@@ -8,7 +8,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <csignal>
 #include <deque>
+
+#include <pthread.h>
+#include <time.h>
 
 using kestrel::Barrier;
 using kestrel::Conditional;
@@ -521,6 +525,73 @@ TEST(Barrier, KeepsManyThreadsInStepOverManyCycles)
         }
     });
     EXPECT_EQ(outOfStep.load(), 0);
+}
+
+namespace {
+
+// A thread sent SIGUSR1 sits in this handler until thawed, wherever it was,
+// for instance asleep in a barrier with its wake-up already posted.
+std::atomic<bool> sFrozen{false};
+std::atomic<bool> sThaw{false};
+
+void freezeUntilThawed(int)
+{
+    sFrozen.store(true);
+    while (!sThaw.load()) {
+        const timespec oneMs{0, 1000000L};
+        nanosleep(&oneMs, nullptr);
+    }
+}
+
+}  // namespace
+
+TEST(Barrier, AWakeUpBelongsToTheCycleItWasPostedFor)
+{
+    // A is the early party of cycle 1 and is held up while its wake-up is
+    // pending; B, the last party, leaves and enters cycle 2 at once. B must
+    // wait there for A instead of taking A's wake-up and leaving alone.
+    struct sigaction freeze = {}, previous = {};
+    freeze.sa_handler = freezeUntilThawed;
+    sigemptyset(&freeze.sa_mask);
+    ASSERT_EQ(sigaction(SIGUSR1, &freeze, &previous), 0);
+    sFrozen = false;
+    sThaw = false;
+
+    Barrier barrier(2);
+    std::atomic<int> aCycles{0}, bCycles{0};
+    std::thread a([&] {
+        for (int i = 0; i < 2; ++i) {
+            barrier.enter();
+            aCycles.fetch_add(1);
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // A waits in cycle 1
+    pthread_kill(a.native_handle(), SIGUSR1);
+    ASSERT_TRUE(kestrel_test::waitUntil([] { return sFrozen.load(); }));
+    std::thread b([&] {
+        for (int i = 0; i < 2; ++i) {
+            barrier.enter();
+            bCycles.fetch_add(1);
+        }
+    });
+    ASSERT_TRUE(kestrel_test::waitUntil([&] { return bCycles.load() >= 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const int bEarly = bCycles.load();
+    EXPECT_EQ(bEarly, 1) << "B left cycle 2 on A's wake-up of cycle 1";
+    EXPECT_EQ(aCycles.load(), 0);
+    sThaw = true;
+    if (bEarly == 2) {  // the fault: A's wake-up is gone; see A through both cycles
+        for (int cycle = 1; cycle <= 2; ++cycle) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // A asleep again
+            barrier.enter();
+            kestrel_test::waitUntil([&] { return aCycles.load() >= cycle; });
+        }
+    }
+    a.join();
+    b.join();
+    EXPECT_EQ(aCycles.load(), 2);
+    EXPECT_EQ(bCycles.load(), 2);
+    sigaction(SIGUSR1, &previous, nullptr);
 }
 
 TEST(Barrier, CyclesAreFormedByWhoeverArrives)
