@@ -89,8 +89,13 @@ inline constexpr size_t kMinChunkSize = (offsetof(Chunk, child) + kAlignMask) & 
 inline constexpr size_t kMinRequest = kMinChunkSize - kChunkOverhead - 1;
 inline constexpr size_t kMaxRequest = (~kMinChunkSize + 1) << 2;  // larger requests always fail
 
-inline constexpr size_t padRequest(size_t req) { return (req + kChunkOverhead + kAlignMask) & ~kAlignMask; }
-inline constexpr size_t requestToSize(size_t req) { return req < kMinRequest ? kMinChunkSize : padRequest(req); }
+// The chunk size that serves a request of `request` user bytes: the request
+// plus the head word, rounded up to the alignment, and never below the
+// smallest chunk (which must be able to hold the free-list links).
+inline constexpr size_t padRequest(size_t request) { return (request + kChunkOverhead + kAlignMask) & ~kAlignMask; }
+inline constexpr size_t requestToSize(size_t request) {
+  return request < kMinRequest ? kMinChunkSize : padRequest(request);
+}
 
 inline constexpr bindex_t kSmallBins = 32;
 inline constexpr bindex_t kTreeBins = 32;
@@ -107,7 +112,7 @@ inline constexpr size_t kMaxSmallRequest = kMaxSmallSize - kAlignMask - kChunkOv
 inline constexpr size_t kSegmentRecordChunk = padRequest(sizeof(Segment));
 inline constexpr size_t kTopFootSize = kSegmentRecordChunk + kMinChunkSize;
 
-// Extra bytes asked of the system on top of a normalised request nb: a
+// Extra bytes asked of the system on top of a normalised chunk size: a
 // direct map needs the chunk header, the alignment slack and the trailing
 // fenceposts (six words plus the alignment mask); a new segment needs room
 // for the top foot and one byte so that the top chunk stays non-empty.
@@ -140,16 +145,19 @@ inline size_t granularity() { return gParams.granularity.load(std::memory_order_
 
 // Granularity alignment of every mapping size: add a granule, then clear the
 // bits below the granularity (a size that is already a multiple gains one).
-inline size_t granularityAlign(size_t s) {
-  const size_t g = granularity();
-  return (s + g) & ~(g - 1);
+inline size_t granularityAlign(size_t size) {
+  const size_t unit = granularity();
+  return (size + unit) & ~(unit - 1);
 }
 
 [[noreturn]] void usageError();
 [[noreturn]] void corruptionError();
 void setNoMemory();  // errno = ENOMEM
 
-inline bool mapFailed(void* p) { return p == nullptr || p == reinterpret_cast<void*>(~uintptr_t{0}); }
+// Mapping functions report failure either way: null or all bits set.
+inline bool mapFailed(void* address) {
+  return address == nullptr || address == reinterpret_cast<void*>(~uintptr_t{0});
+}
 
 }  // namespace mspace_detail
 
@@ -193,173 +201,190 @@ static_assert(kMspaceBaseOverhead == kStateChunkSize + kTopFootSize,
 
 // ---- chunk arithmetic ----------------------------------------------------
 
-inline Chunk* chunkAt(void* p) { return static_cast<Chunk*>(p); }
-inline Chunk* plusOffset(void* p, size_t s) { return reinterpret_cast<Chunk*>(static_cast<char*>(p) + s); }
-inline Chunk* minusOffset(void* p, size_t s) { return reinterpret_cast<Chunk*>(static_cast<char*>(p) - s); }
-inline void* chunkToMem(Chunk* p) { return reinterpret_cast<char*>(p) + kMemOffset; }
+inline Chunk* chunkAt(void* address) { return static_cast<Chunk*>(address); }
+inline Chunk* plusOffset(void* address, size_t offset) {
+  return reinterpret_cast<Chunk*>(static_cast<char*>(address) + offset);
+}
+inline Chunk* minusOffset(void* address, size_t offset) {
+  return reinterpret_cast<Chunk*>(static_cast<char*>(address) - offset);
+}
+inline void* chunkToMem(Chunk* chunk) { return reinterpret_cast<char*>(chunk) + kMemOffset; }
 inline Chunk* memToChunk(void* mem) { return minusOffset(mem, kMemOffset); }
 
-inline size_t alignOffset(const void* a) {
-  const size_t low = reinterpret_cast<uintptr_t>(a) & kAlignMask;
-  return low == 0 ? 0 : (kAlignment - low) & kAlignMask;
+// Bytes to add to `address` to reach the next multiple of kAlignment.
+inline size_t alignOffset(const void* address) {
+  const size_t misalignment = reinterpret_cast<uintptr_t>(address) & kAlignMask;
+  return misalignment == 0 ? 0 : (kAlignment - misalignment) & kAlignMask;
 }
+// The first chunk at or after `base` whose user memory is aligned.
 inline Chunk* alignAsChunk(char* base) { return plusOffset(base, alignOffset(base + kMemOffset)); }
-inline char* alignDown(char* p) {
-  return reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(p) & ~uintptr_t{kAlignMask});
+inline char* alignDown(char* address) {
+  return reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(address) & ~uintptr_t{kAlignMask});
 }
 
-inline size_t chunkSize(const Chunk* p) { return p->head & ~kFlagBits; }
-inline bool cinuse(const Chunk* p) { return (p->head & kCinuse) != 0; }
-inline bool pinuse(const Chunk* p) { return (p->head & kPinuse) != 0; }
-inline bool isMapped(const Chunk* p) { return (p->head & kMappedBit) != 0; }
-inline Chunk* nextChunk(Chunk* p) { return plusOffset(p, chunkSize(p)); }
-inline Chunk* prevChunk(Chunk* p) { return minusOffset(p, p->prev_foot); }
+inline size_t chunkSize(const Chunk* chunk) { return chunk->head & ~kFlagBits; }
+inline bool cinuse(const Chunk* chunk) { return (chunk->head & kCinuse) != 0; }
+inline bool pinuse(const Chunk* chunk) { return (chunk->head & kPinuse) != 0; }
+inline bool isMapped(const Chunk* chunk) { return (chunk->head & kMappedBit) != 0; }
+inline Chunk* nextChunk(Chunk* chunk) { return plusOffset(chunk, chunkSize(chunk)); }
 
-inline void setFoot(Chunk* p, size_t s) { plusOffset(p, s)->prev_foot = s; }
-inline void setSizeAndPinuseOfFreeChunk(Chunk* p, size_t s) {
-  p->head = s | kPinuse;
-  setFoot(p, s);
+// The boundary tag of a free chunk: its size repeated in the next chunk's
+// prev_foot, which is how a later free finds this chunk's start.
+inline void setFoot(Chunk* chunk, size_t size) { plusOffset(chunk, size)->prev_foot = size; }
+inline void setSizeAndPinuseOfFreeChunk(Chunk* chunk, size_t size) {
+  chunk->head = size | kPinuse;
+  setFoot(chunk, size);
 }
-inline void setFreeWithPinuse(Chunk* p, size_t s, Chunk* next) {
+// Makes chunk a free chunk of `size` and tells `next`, the chunk behind it.
+inline void setFreeWithPinuse(Chunk* chunk, size_t size, Chunk* next) {
   next->head &= ~kPinuse;
-  setSizeAndPinuseOfFreeChunk(p, s);
+  setSizeAndPinuseOfFreeChunk(chunk, size);
 }
-// Marks p (size s) in use, keeping its PINUSE, and tells the next chunk.
-inline void setInuse(Chunk* p, size_t s) {
-  p->head = (p->head & kPinuse) | s | kCinuse;
-  plusOffset(p, s)->head |= kPinuse;
+// Marks chunk (of `size`) in use, keeping its PINUSE, and tells the next chunk.
+inline void setInuse(Chunk* chunk, size_t size) {
+  chunk->head = (chunk->head & kPinuse) | size | kCinuse;
+  plusOffset(chunk, size)->head |= kPinuse;
 }
-inline void setInuseAndPinuse(Chunk* p, size_t s) {
-  p->head = s | kPinuse | kCinuse;
-  plusOffset(p, s)->head |= kPinuse;
+inline void setInuseAndPinuse(Chunk* chunk, size_t size) {
+  chunk->head = size | kPinuse | kCinuse;
+  plusOffset(chunk, size)->head |= kPinuse;
 }
-inline void setSizeAndPinuseOfInuseChunk(Chunk* p, size_t s) { p->head = s | kPinuse | kCinuse; }
+// Sets only this chunk's head; the caller looks after the next chunk's PINUSE.
+inline void setSizeAndPinuseOfInuseChunk(Chunk* chunk, size_t size) { chunk->head = size | kPinuse | kCinuse; }
 
 // Usable bytes of an in-use chunk.
-inline size_t usableSize(const Chunk* p) {
-  return chunkSize(p) - (isMapped(p) ? kMappedChunkOverhead : kChunkOverhead);
+inline size_t usableSize(const Chunk* chunk) {
+  return chunkSize(chunk) - (isMapped(chunk) ? kMappedChunkOverhead : kChunkOverhead);
 }
 
 // ---- segments ------------------------------------------------------------
 
-inline bool segmentHolds(const Segment* s, const void* a) {
-  const char* c = static_cast<const char*>(a);
-  return c >= s->base && c < s->base + s->size;
+inline bool segmentHolds(const Segment* segment, const void* address) {
+  const char* byte = static_cast<const char*>(address);
+  return byte >= segment->base && byte < segment->base + segment->size;
 }
-inline Segment* segmentHolding(State* m, const void* a) {
-  for (Segment* s = &m->seg; s != nullptr; s = s->next)
-    if (segmentHolds(s, a)) return s;
-  return nullptr;
-}
-inline bool isExternSegment(const Segment* s) { return (s->flags & kExternSegment) != 0; }
-inline bool isMappedSegment(const Segment* s) { return (s->flags & kMappedSegment) != 0; }
+inline bool isExternSegment(const Segment* segment) { return (segment->flags & kExternSegment) != 0; }
+inline bool isMappedSegment(const Segment* segment) { return (segment->flags & kMappedSegment) != 0; }
 
 // ---- bins ----------------------------------------------------------------
 
-inline bool isSmall(size_t s) { return (s >> kSmallBinShift) < kSmallBins; }
-inline bindex_t smallIndex(size_t s) { return static_cast<bindex_t>(s >> kSmallBinShift); }
-inline size_t smallIndexToSize(bindex_t i) { return size_t{i} << kSmallBinShift; }
+inline bool isSmall(size_t size) { return (size >> kSmallBinShift) < kSmallBins; }
+inline bindex_t smallIndex(size_t size) { return static_cast<bindex_t>(size >> kSmallBinShift); }
+inline size_t smallIndexToSize(bindex_t index) { return size_t{index} << kSmallBinShift; }
 
-inline Chunk* smallBinAt(State* m, bindex_t i) { return reinterpret_cast<Chunk*>(&m->smallbins[i << 1]); }
-inline Chunk** treeBinAt(State* m, bindex_t i) { return &m->treebins[i]; }
+// The sentinel chunk of small bin `index` (see State::smallbins).
+inline Chunk* smallBinAt(State* ms, bindex_t index) { return reinterpret_cast<Chunk*>(&ms->smallbins[index << 1]); }
+inline Chunk** treeBinAt(State* ms, bindex_t index) { return &ms->treebins[index]; }
 
-inline binmap_t idxToBit(bindex_t i) { return binmap_t{1} << i; }
-inline binmap_t leastBit(binmap_t x) { return x & (~x + 1); }
-inline binmap_t leftBits(binmap_t x) { return (x << 1) | (~(x << 1) + 1); }
-inline bindex_t bitToIndex(binmap_t x) { return static_cast<bindex_t>(__builtin_ctz(x)); }
+inline binmap_t idxToBit(bindex_t index) { return binmap_t{1} << index; }
+inline binmap_t leastBit(binmap_t bits) { return bits & (~bits + 1); }
+// Every bit above the lowest set bit of `bits` (the bins of larger sizes).
+inline binmap_t leftBits(binmap_t bits) { return (bits << 1) | (~(bits << 1) + 1); }
+inline bindex_t bitToIndex(binmap_t bit) { return static_cast<bindex_t>(__builtin_ctz(bit)); }
 
-inline void markSmallmap(State* m, bindex_t i) { m->smallmap |= idxToBit(i); }
-inline void clearSmallmap(State* m, bindex_t i) { m->smallmap &= ~idxToBit(i); }
-inline bool smallmapIsMarked(const State* m, bindex_t i) { return (m->smallmap & idxToBit(i)) != 0; }
-inline void markTreemap(State* m, bindex_t i) { m->treemap |= idxToBit(i); }
-inline void clearTreemap(State* m, bindex_t i) { m->treemap &= ~idxToBit(i); }
-inline bool treemapIsMarked(const State* m, bindex_t i) { return (m->treemap & idxToBit(i)) != 0; }
+inline void markSmallmap(State* ms, bindex_t index) { ms->smallmap |= idxToBit(index); }
+inline void clearSmallmap(State* ms, bindex_t index) { ms->smallmap &= ~idxToBit(index); }
+inline bool smallmapIsMarked(const State* ms, bindex_t index) { return (ms->smallmap & idxToBit(index)) != 0; }
+inline void markTreemap(State* ms, bindex_t index) { ms->treemap |= idxToBit(index); }
+inline void clearTreemap(State* ms, bindex_t index) { ms->treemap &= ~idxToBit(index); }
+inline bool treemapIsMarked(const State* ms, bindex_t index) { return (ms->treemap & idxToBit(index)) != 0; }
 
 // Tree bin of a size >= kMinLargeSize. Each pair of bins splits one power of
 // two in halves; the last bin takes everything from 1.5 * 2^(15 + kTreeBinShift) up.
-inline bindex_t treeIndex(size_t s) {
-  const size_t x = s >> kTreeBinShift;
-  if (x == 0) return 0;
-  if (x > 0xFFFF) return kTreeBins - 1;
-  const unsigned k = 31u - static_cast<unsigned>(__builtin_clz(static_cast<unsigned>(x)));
-  return static_cast<bindex_t>((k << 1) + ((s >> (k + (kTreeBinShift - 1))) & 1));
+inline bindex_t treeIndex(size_t size) {
+  const size_t units = size >> kTreeBinShift;  // in multiples of kMinLargeSize
+  if (units == 0) return 0;
+  if (units > 0xFFFF) return kTreeBins - 1;
+  const unsigned log2Units = 31u - static_cast<unsigned>(__builtin_clz(static_cast<unsigned>(units)));
+  const size_t upperHalf = (size >> (log2Units + (kTreeBinShift - 1))) & 1;
+  return static_cast<bindex_t>((log2Units << 1) + upperHalf);
 }
-// Shift that brings the first size bit a trie of bin i routes by to the top.
-inline unsigned leftShiftForTreeIndex(bindex_t i) {
-  return i == kTreeBins - 1 ? 0 : static_cast<unsigned>((sizeof(size_t) * 8 - 1) - ((i >> 1) + kTreeBinShift - 2));
-}
-inline size_t minSizeForTreeIndex(bindex_t i) {
-  return (size_t{1} << ((i >> 1) + kTreeBinShift)) | (size_t{i & 1} << ((i >> 1) + kTreeBinShift - 1));
+// Shift that brings the first size bit a trie of bin `index` routes by to
+// the top (every chunk of a bin shares the bits above it).
+inline unsigned leftShiftForTreeIndex(bindex_t index) {
+  return index == kTreeBins - 1
+             ? 0
+             : static_cast<unsigned>((sizeof(size_t) * 8 - 1) - ((index >> 1) + kTreeBinShift - 2));
 }
 inline constexpr unsigned kTopBit = sizeof(size_t) * 8 - 1;
 
-inline void insertSmallChunk(State* m, Chunk* p, size_t s) {
-  const bindex_t i = smallIndex(s);
-  Chunk* b = smallBinAt(m, i);
-  Chunk* f = b;
-  if (!smallmapIsMarked(m, i))
-    markSmallmap(m, i);
+// New chunks go to the front of their bin: reused first while still warm.
+inline void insertSmallChunk(State* ms, Chunk* chunk, size_t size) {
+  const bindex_t index = smallIndex(size);
+  Chunk* binHead = smallBinAt(ms, index);
+  Chunk* oldFirst = binHead;
+  if (!smallmapIsMarked(ms, index))
+    markSmallmap(ms, index);
   else
-    f = b->fd;
-  b->fd = p;
-  f->bk = p;
-  p->fd = f;
-  p->bk = b;
+    oldFirst = binHead->fd;
+  binHead->fd = chunk;
+  oldFirst->bk = chunk;
+  chunk->fd = oldFirst;
+  chunk->bk = binHead;
 }
 
-inline void unlinkSmallChunk(State* m, Chunk* p, size_t s) {
-  Chunk* f = p->fd;
-  Chunk* b = p->bk;
-  if (f == b) clearSmallmap(m, smallIndex(s));
-  f->bk = b;
-  b->fd = f;
+inline void unlinkSmallChunk(State* ms, Chunk* chunk, size_t size) {
+  Chunk* forward = chunk->fd;
+  Chunk* back = chunk->bk;
+  if (forward == back) clearSmallmap(ms, smallIndex(size));  // both are the sentinel: the bin empties
+  forward->bk = back;
+  back->fd = forward;
 }
 
-// Unlinks p, the first chunk of bin b (index i).
-inline void unlinkFirstSmallChunk(State* m, Chunk* b, Chunk* p, bindex_t i) {
-  Chunk* f = p->fd;
-  if (b == f) clearSmallmap(m, i);
-  b->fd = f;
-  f->bk = b;
+// Unlinks chunk, the first chunk of the bin with sentinel binHead at `index`.
+inline void unlinkFirstSmallChunk(State* ms, Chunk* binHead, Chunk* chunk, bindex_t index) {
+  Chunk* forward = chunk->fd;
+  if (binHead == forward) clearSmallmap(ms, index);
+  binHead->fd = forward;
+  forward->bk = binHead;
 }
 
 // Tree-bin insertion and removal (out of line: off the small-size hot path).
-void insertLargeChunk(State* m, Chunk* x, size_t s);
-void unlinkLargeChunk(State* m, Chunk* x);
+void insertLargeChunk(State* ms, Chunk* chunk, size_t size);
+void unlinkLargeChunk(State* ms, Chunk* chunk);
 
-inline void insertChunk(State* m, Chunk* p, size_t s) {
-  if (isSmall(s))
-    insertSmallChunk(m, p, s);
+inline void insertChunk(State* ms, Chunk* chunk, size_t size) {
+  if (isSmall(size))
+    insertSmallChunk(ms, chunk, size);
   else
-    insertLargeChunk(m, p, s);
+    insertLargeChunk(ms, chunk, size);
 }
 
-inline void unlinkChunk(State* m, Chunk* p, size_t s) {
-  if (isSmall(s))
-    unlinkSmallChunk(m, p, s);
+inline void unlinkChunk(State* ms, Chunk* chunk, size_t size) {
+  if (isSmall(size))
+    unlinkSmallChunk(ms, chunk, size);
   else
-    unlinkLargeChunk(m, p);
+    unlinkLargeChunk(ms, chunk);
 }
 
-// Makes (p, s) the designated victim; the previous one goes to its bin.
-inline void replaceDv(State* m, Chunk* p, size_t s) {
-  if (m->dvsize != 0) insertChunk(m, m->dv, m->dvsize);
-  m->dvsize = s;
-  m->dv = p;
+// Makes chunk (of `size`) the designated victim; the previous one goes to its bin.
+inline void replaceDv(State* ms, Chunk* chunk, size_t size) {
+  if (ms->dvsize != 0) insertChunk(ms, ms->dv, ms->dvsize);
+  ms->dvsize = size;
+  ms->dv = chunk;
 }
 
-inline bool okMagic(const State* m) { return m != nullptr && m->magic == kMagic; }
-inline bool okAddress(const State* m, const void* p) { return static_cast<const char*>(p) >= m->least_addr; }
+inline bool okMagic(const State* ms) { return ms != nullptr && ms->magic == kMagic; }
+// A cheap sanity check on a pointer handed to free or realloc: no chunk of
+// this mspace lies below its lowest segment or mapping.
+inline bool okAddress(const State* ms, const void* address) {
+  return static_cast<const char*>(address) >= ms->least_addr;
+}
 
 // ---- shared internals (defined in the mspace_*.cpp files) ------------------
 
-void* internalMalloc(State* m, size_t bytes);
-void internalFree(State* m, void* mem);
-void* sysAlloc(State* m, size_t nb);
-bool sysTrim(State* m, size_t pad);
-void initTop(State* m, Chunk* p, size_t psize);
-State* initUserState(char* tbase, size_t tsize);
-bool directMapWasDefault(const State* m);
+void* internalMalloc(State* ms, size_t bytes);
+void internalFree(State* ms, void* mem);
+// Grows the mspace by a direct map or a segment and serves `chunkBytes`
+// (a normalised chunk size) from it.
+void* sysAlloc(State* ms, size_t chunkBytes);
+// Returns memory beyond `pad` bytes of the top and every wholly free mapped
+// segment to the system; true if anything was released.
+bool sysTrim(State* ms, size_t pad);
+void initTop(State* ms, Chunk* top, size_t topSize);
+// Lays out a fresh mspace in [base, base + size): state chunk, then the top.
+State* initUserState(char* base, size_t size);
+bool directMapWasDefault(const State* ms);
 
 }  // namespace mspace_detail
 }  // namespace kestrel
