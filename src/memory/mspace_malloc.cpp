@@ -8,389 +8,394 @@
 namespace kestrel {
 namespace mspace_detail {
 
-void insertLargeChunk(State* m, Chunk* x, size_t s) {
-  const bindex_t i = treeIndex(s);
-  Chunk** h = treeBinAt(m, i);
-  x->index = i;
-  x->child[0] = x->child[1] = nullptr;
-  if (!treemapIsMarked(m, i)) {
-    markTreemap(m, i);
-    *h = x;
-    x->parent = reinterpret_cast<Chunk*>(h);  // a root points at its bin slot
-    x->fd = x->bk = x;
+// A tree bin is a bitwise trie: from the root down, each level routes by the
+// next size bit below the ones the whole bin shares. Each size appears as at
+// most one node; more chunks of that size are chained behind it in a ring.
+void insertLargeChunk(State* ms, Chunk* chunk, size_t size) {
+  const bindex_t index = treeIndex(size);
+  Chunk** binRoot = treeBinAt(ms, index);
+  chunk->index = index;
+  chunk->child[0] = chunk->child[1] = nullptr;
+  if (!treemapIsMarked(ms, index)) {
+    markTreemap(ms, index);
+    *binRoot = chunk;
+    chunk->parent = reinterpret_cast<Chunk*>(binRoot);  // a root points at its bin slot
+    chunk->fd = chunk->bk = chunk;
     return;
   }
-  Chunk* t = *h;
-  size_t k = s << leftShiftForTreeIndex(i);
+  Chunk* node = *binRoot;
+  size_t sizeBits = size << leftShiftForTreeIndex(index);
   for (;;) {
-    if (chunkSize(t) != s) {
-      Chunk** c = &t->child[(k >> kTopBit) & 1];
-      k <<= 1;
-      if (*c != nullptr) {
-        t = *c;
+    if (chunkSize(node) != size) {
+      Chunk** childSlot = &node->child[(sizeBits >> kTopBit) & 1];
+      sizeBits <<= 1;
+      if (*childSlot != nullptr) {
+        node = *childSlot;
       } else {
-        *c = x;
-        x->parent = t;
-        x->fd = x->bk = x;
+        *childSlot = chunk;
+        chunk->parent = node;
+        chunk->fd = chunk->bk = chunk;
         return;
       }
     } else {
       // Same size as a tree node: chain behind it, outside the trie.
-      Chunk* f = t->fd;
-      t->fd = f->bk = x;
-      x->fd = f;
-      x->bk = t;
-      x->parent = nullptr;
+      Chunk* forward = node->fd;
+      node->fd = forward->bk = chunk;
+      chunk->fd = forward;
+      chunk->bk = node;
+      chunk->parent = nullptr;
       return;
     }
   }
 }
 
-void unlinkLargeChunk(State* m, Chunk* x) {
-  Chunk* xp = x->parent;
-  Chunk* r;
-  if (x->bk != x) {
-    // Another chunk of the same size takes x's place.
-    Chunk* f = x->fd;
-    r = x->bk;
-    f->bk = r;
-    r->fd = f;
+void unlinkLargeChunk(State* ms, Chunk* chunk) {
+  Chunk* parent = chunk->parent;
+  Chunk* replacement;
+  if (chunk->bk != chunk) {
+    // Another chunk of the same size takes chunk's place.
+    Chunk* forward = chunk->fd;
+    replacement = chunk->bk;
+    forward->bk = replacement;
+    replacement->fd = forward;
   } else {
-    // Replace x by a leaf of its subtree (any descendant may take its place
-    // because it shares x's prefix).
-    Chunk** rp = &x->child[1];
-    r = *rp;
-    if (r == nullptr) {
-      rp = &x->child[0];
-      r = *rp;
+    // Replace chunk by a leaf of its subtree (any descendant may take its
+    // place because it shares chunk's prefix).
+    Chunk** replacementSlot = &chunk->child[1];
+    replacement = *replacementSlot;
+    if (replacement == nullptr) {
+      replacementSlot = &chunk->child[0];
+      replacement = *replacementSlot;
     }
-    if (r != nullptr) {
+    if (replacement != nullptr) {
       for (;;) {
-        Chunk** cp = &r->child[1];
-        if (*cp == nullptr) cp = &r->child[0];
-        if (*cp == nullptr) break;
-        rp = cp;
-        r = *rp;
+        Chunk** childSlot = &replacement->child[1];
+        if (*childSlot == nullptr) childSlot = &replacement->child[0];
+        if (*childSlot == nullptr) break;
+        replacementSlot = childSlot;
+        replacement = *replacementSlot;
       }
-      *rp = nullptr;
+      *replacementSlot = nullptr;  // detach the leaf from its old parent
     }
   }
-  if (xp == nullptr) return;  // x was chained behind a node; the ring splice was enough
-  Chunk** h = treeBinAt(m, x->index);
-  if (x == *h) {
-    *h = r;
-    if (r == nullptr) clearTreemap(m, x->index);
-  } else if (xp->child[0] == x) {
-    xp->child[0] = r;
+  if (parent == nullptr) return;  // chunk was chained behind a node; the ring splice was enough
+  Chunk** binRoot = treeBinAt(ms, chunk->index);
+  if (chunk == *binRoot) {
+    *binRoot = replacement;
+    if (replacement == nullptr) clearTreemap(ms, chunk->index);
+  } else if (parent->child[0] == chunk) {
+    parent->child[0] = replacement;
   } else {
-    xp->child[1] = r;
+    parent->child[1] = replacement;
   }
-  if (r != nullptr) {
-    r->parent = xp;
-    if (Chunk* c0 = x->child[0]; c0 != nullptr) {
-      r->child[0] = c0;
-      c0->parent = r;
+  if (replacement != nullptr) {
+    replacement->parent = parent;
+    if (Chunk* left = chunk->child[0]; left != nullptr) {
+      replacement->child[0] = left;
+      left->parent = replacement;
     }
-    if (Chunk* c1 = x->child[1]; c1 != nullptr) {
-      r->child[1] = c1;
-      c1->parent = r;
+    if (Chunk* right = chunk->child[1]; right != nullptr) {
+      replacement->child[1] = right;
+      right->parent = replacement;
     }
   }
 }
 
 namespace {
 
-// Serves nb from the front of the dv; a remainder too small to be a chunk
-// goes with it.
-inline void* splitDv(State* m, size_t nb) {
-  const size_t rsize = m->dvsize - nb;
-  Chunk* p = m->dv;
-  if (rsize >= kMinChunkSize) {
-    Chunk* r = m->dv = plusOffset(p, nb);
-    m->dvsize = rsize;
-    setSizeAndPinuseOfFreeChunk(r, rsize);
-    setSizeAndPinuseOfInuseChunk(p, nb);
+// Serves chunkBytes from the front of the dv; a remainder too small to be a
+// chunk goes with it.
+inline void* splitDv(State* ms, size_t chunkBytes) {
+  const size_t remainderSize = ms->dvsize - chunkBytes;
+  Chunk* chunk = ms->dv;
+  if (remainderSize >= kMinChunkSize) {
+    Chunk* remainder = ms->dv = plusOffset(chunk, chunkBytes);
+    ms->dvsize = remainderSize;
+    setSizeAndPinuseOfFreeChunk(remainder, remainderSize);
+    setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
   } else {
-    const size_t dvs = m->dvsize;
-    m->dvsize = 0;
-    m->dv = nullptr;
-    setInuseAndPinuse(p, dvs);
+    const size_t dvSize = ms->dvsize;
+    ms->dvsize = 0;
+    ms->dv = nullptr;
+    setInuseAndPinuse(chunk, dvSize);
   }
-  return chunkToMem(p);
+  return chunkToMem(chunk);
 }
 
-// Serves nb (< topsize) from the front of the top chunk.
-inline void* splitTop(State* m, size_t nb) {
-  const size_t rsize = m->topsize -= nb;
-  Chunk* p = m->top;
-  Chunk* r = m->top = plusOffset(p, nb);
-  r->head = rsize | kPinuse;
-  setSizeAndPinuseOfInuseChunk(p, nb);
-  return chunkToMem(p);
+// Serves chunkBytes (< topsize) from the front of the top chunk.
+inline void* splitTop(State* ms, size_t chunkBytes) {
+  const size_t remainderSize = ms->topsize -= chunkBytes;
+  Chunk* chunk = ms->top;
+  Chunk* remainder = ms->top = plusOffset(chunk, chunkBytes);
+  remainder->head = remainderSize | kPinuse;
+  setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
+  return chunkToMem(chunk);
 }
 
-// Splits chunk p (size psize, already unlinked) for a request of nb bytes;
-// the remainder, if it can stand as a chunk, goes to the bins.
-inline void* splitAndBin(State* m, Chunk* p, size_t psize, size_t nb) {
-  const size_t rsize = psize - nb;
-  if (rsize < kMinChunkSize) {
-    setInuseAndPinuse(p, psize);
+// Splits chunk (of fullSize bytes, already unlinked) for a request of
+// chunkBytes; the remainder, if it can stand as a chunk, goes to the bins.
+inline void* splitAndBin(State* ms, Chunk* chunk, size_t fullSize, size_t chunkBytes) {
+  const size_t remainderSize = fullSize - chunkBytes;
+  if (remainderSize < kMinChunkSize) {
+    setInuseAndPinuse(chunk, fullSize);
   } else {
-    setSizeAndPinuseOfInuseChunk(p, nb);
-    Chunk* r = plusOffset(p, nb);
-    setSizeAndPinuseOfFreeChunk(r, rsize);
-    insertChunk(m, r, rsize);
+    setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
+    Chunk* remainder = plusOffset(chunk, chunkBytes);
+    setSizeAndPinuseOfFreeChunk(remainder, remainderSize);
+    insertChunk(ms, remainder, remainderSize);
   }
-  return chunkToMem(p);
+  return chunkToMem(chunk);
 }
 
 // Smallest chunk of the smallest non-empty tree bin, for a small request
 // (all tree chunks are larger than any small request). The remainder
 // becomes the designated victim.
-void* tmallocSmall(State* m, size_t nb) {
-  const bindex_t i = bitToIndex(m->treemap);
-  Chunk* v = *treeBinAt(m, i);
-  Chunk* t = v;
-  size_t rsize = chunkSize(t) - nb;
-  while ((t = t->child[0] != nullptr ? t->child[0] : t->child[1]) != nullptr) {
-    const size_t trem = chunkSize(t) - nb;
-    if (trem < rsize) {
-      rsize = trem;
-      v = t;
+void* tmallocSmall(State* ms, size_t chunkBytes) {
+  const bindex_t index = bitToIndex(ms->treemap);
+  Chunk* best = *treeBinAt(ms, index);
+  Chunk* node = best;
+  size_t remainderSize = chunkSize(node) - chunkBytes;
+  while ((node = node->child[0] != nullptr ? node->child[0] : node->child[1]) != nullptr) {
+    const size_t nodeRemainder = chunkSize(node) - chunkBytes;
+    if (nodeRemainder < remainderSize) {
+      remainderSize = nodeRemainder;
+      best = node;
     }
   }
-  unlinkLargeChunk(m, v);
-  if (rsize < kMinChunkSize) {
-    setInuseAndPinuse(v, rsize + nb);
+  unlinkLargeChunk(ms, best);
+  if (remainderSize < kMinChunkSize) {
+    setInuseAndPinuse(best, remainderSize + chunkBytes);
   } else {
-    setSizeAndPinuseOfInuseChunk(v, nb);
-    Chunk* r = plusOffset(v, nb);
-    setSizeAndPinuseOfFreeChunk(r, rsize);
-    replaceDv(m, r, rsize);
+    setSizeAndPinuseOfInuseChunk(best, chunkBytes);
+    Chunk* remainder = plusOffset(best, chunkBytes);
+    setSizeAndPinuseOfFreeChunk(remainder, remainderSize);
+    replaceDv(ms, remainder, remainderSize);
   }
-  return chunkToMem(v);
+  return chunkToMem(best);
 }
 
 // Best fit among the tree bins for a large request, or null when the
 // designated victim fits at least as well.
-void* tmallocLarge(State* m, size_t nb) {
-  Chunk* v = nullptr;
-  size_t rsize = ~nb + 1;  // larger than any remainder
-  const bindex_t idx = treeIndex(nb);
-  Chunk* t = *treeBinAt(m, idx);
-  if (t != nullptr) {
-    // Walk down the path of nb, remembering the best fit on the way and the
-    // deepest right subtree not taken (its chunks are all larger than nb).
-    size_t sizebits = nb << leftShiftForTreeIndex(idx);
-    Chunk* rst = nullptr;
+void* tmallocLarge(State* ms, size_t chunkBytes) {
+  Chunk* best = nullptr;
+  size_t remainderSize = ~chunkBytes + 1;  // larger than any remainder
+  const bindex_t index = treeIndex(chunkBytes);
+  Chunk* node = *treeBinAt(ms, index);
+  if (node != nullptr) {
+    // Walk down the path of chunkBytes, remembering the best fit on the way
+    // and the deepest right subtree not taken (its chunks are all larger).
+    size_t sizeBits = chunkBytes << leftShiftForTreeIndex(index);
+    Chunk* deepestRightSubtree = nullptr;
     for (;;) {
-      const size_t trem = chunkSize(t) - nb;
-      if (trem < rsize) {
-        v = t;
-        rsize = trem;
-        if (rsize == 0) break;
+      const size_t nodeRemainder = chunkSize(node) - chunkBytes;
+      if (nodeRemainder < remainderSize) {
+        best = node;
+        remainderSize = nodeRemainder;
+        if (remainderSize == 0) break;
       }
-      Chunk* rt = t->child[1];
-      t = t->child[(sizebits >> kTopBit) & 1];
-      if (rt != nullptr && rt != t) rst = rt;
-      if (t == nullptr) {
-        t = rst;
+      Chunk* right = node->child[1];
+      node = node->child[(sizeBits >> kTopBit) & 1];
+      if (right != nullptr && right != node) deepestRightSubtree = right;
+      if (node == nullptr) {
+        node = deepestRightSubtree;
         break;
       }
-      sizebits <<= 1;
+      sizeBits <<= 1;
     }
   }
-  if (t == nullptr && v == nullptr) {
-    // Nothing in nb's own bin: the smallest chunk of the next non-empty one.
-    const binmap_t leftbits = leftBits(idxToBit(idx)) & m->treemap;
-    if (leftbits != 0) t = *treeBinAt(m, bitToIndex(leastBit(leftbits)));
+  if (node == nullptr && best == nullptr) {
+    // Nothing in the request's own bin: the smallest chunk of the next non-empty one.
+    const binmap_t largerBins = leftBits(idxToBit(index)) & ms->treemap;
+    if (largerBins != 0) node = *treeBinAt(ms, bitToIndex(leastBit(largerBins)));
   }
-  while (t != nullptr) {  // smallest in the subtree: follow the leftmost path
-    const size_t trem = chunkSize(t) - nb;
-    if (trem < rsize) {
-      rsize = trem;
-      v = t;
+  while (node != nullptr) {  // smallest in the subtree: follow the leftmost path
+    const size_t nodeRemainder = chunkSize(node) - chunkBytes;
+    if (nodeRemainder < remainderSize) {
+      remainderSize = nodeRemainder;
+      best = node;
     }
-    t = t->child[0] != nullptr ? t->child[0] : t->child[1];
+    node = node->child[0] != nullptr ? node->child[0] : node->child[1];
   }
-  if (v == nullptr || rsize >= m->dvsize - nb) return nullptr;
-  unlinkLargeChunk(m, v);
-  return splitAndBin(m, v, rsize + nb, nb);
+  if (best == nullptr || remainderSize >= ms->dvsize - chunkBytes) return nullptr;
+  unlinkLargeChunk(ms, best);
+  return splitAndBin(ms, best, remainderSize + chunkBytes, chunkBytes);
 }
 
 // Everything but the fast cases of mallocFast (which always runs first): the
 // remaining small-request strategies in order (next non-empty small bin,
 // smallest tree chunk, dv, top), large requests (best fit in the tree bins,
 // dv, top) and growth.
-[[gnu::noinline]] void* mallocSlow(State* m, size_t bytes) {
-  size_t nb;
+[[gnu::noinline]] void* mallocSlow(State* ms, size_t bytes) {
+  size_t chunkBytes;
   if (bytes <= kMaxSmallRequest) {
     // The exact and next-size bins are empty: mallocFast served those.
-    nb = requestToSize(bytes);
-    const bindex_t idx = smallIndex(nb);
-    const binmap_t smallbits = m->smallmap >> idx;
-    if (nb > m->dvsize) {
-      if (smallbits != 0) {
+    chunkBytes = requestToSize(bytes);
+    const bindex_t index = smallIndex(chunkBytes);
+    const binmap_t binsFromIndex = ms->smallmap >> index;
+    if (chunkBytes > ms->dvsize) {
+      if (binsFromIndex != 0) {
         // The next non-empty small bin; its remainder becomes the dv.
-        const binmap_t leftbits = (smallbits << idx) & leftBits(idxToBit(idx));
-        const bindex_t i = bitToIndex(leastBit(leftbits));
-        Chunk* b = smallBinAt(m, i);
-        Chunk* p = b->fd;
-        unlinkFirstSmallChunk(m, b, p, i);
-        const size_t rsize = smallIndexToSize(i) - nb;
-        if (rsize < kMinChunkSize) {
-          setInuseAndPinuse(p, smallIndexToSize(i));
+        const binmap_t largerBins = (binsFromIndex << index) & leftBits(idxToBit(index));
+        const bindex_t binIndex = bitToIndex(leastBit(largerBins));
+        Chunk* binHead = smallBinAt(ms, binIndex);
+        Chunk* chunk = binHead->fd;
+        unlinkFirstSmallChunk(ms, binHead, chunk, binIndex);
+        const size_t remainderSize = smallIndexToSize(binIndex) - chunkBytes;
+        if (remainderSize < kMinChunkSize) {
+          setInuseAndPinuse(chunk, smallIndexToSize(binIndex));
         } else {
-          setSizeAndPinuseOfInuseChunk(p, nb);
-          Chunk* r = plusOffset(p, nb);
-          setSizeAndPinuseOfFreeChunk(r, rsize);
-          replaceDv(m, r, rsize);
+          setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
+          Chunk* remainder = plusOffset(chunk, chunkBytes);
+          setSizeAndPinuseOfFreeChunk(remainder, remainderSize);
+          replaceDv(ms, remainder, remainderSize);
         }
-        return chunkToMem(p);
+        return chunkToMem(chunk);
       }
-      if (m->treemap != 0) return tmallocSmall(m, nb);
+      if (ms->treemap != 0) return tmallocSmall(ms, chunkBytes);
     }
   } else if (bytes >= kMaxRequest) {
     setNoMemory();
     return nullptr;
   } else {
-    nb = padRequest(bytes);
-    if (m->treemap != 0) {
-      if (void* mem = tmallocLarge(m, nb)) return mem;
+    chunkBytes = padRequest(bytes);
+    if (ms->treemap != 0) {
+      if (void* mem = tmallocLarge(ms, chunkBytes)) return mem;
     }
   }
 
-  if (nb <= m->dvsize) return splitDv(m, nb);
-  if (nb < m->topsize) return splitTop(m, nb);
-  return sysAlloc(m, nb);
+  if (chunkBytes <= ms->dvsize) return splitDv(ms, chunkBytes);
+  if (chunkBytes < ms->topsize) return splitTop(ms, chunkBytes);
+  return sysAlloc(ms, chunkBytes);
 }
 
 // Release with coalescing: merges with a free predecessor and successor
 // (the dv and the top included) and bins the result.
-[[gnu::noinline]] void freeSlow(State* m, Chunk* p) {
-  size_t psize = chunkSize(p);
-  if (isMapped(p)) {
-    const size_t offset = p->prev_foot;
-    const size_t total = psize + offset + kMappedFootPad;
-    if (m->munmap(reinterpret_cast<char*>(p) - offset, total, m->context) == 0) {
-      m->footprint -= total;
-      m->direct_bytes -= total;
+[[gnu::noinline]] void freeSlow(State* ms, Chunk* chunk) {
+  size_t size = chunkSize(chunk);
+  if (isMapped(chunk)) {
+    // prev_foot of a mapped chunk is its offset into the mapping.
+    const size_t offset = chunk->prev_foot;
+    const size_t mappingSize = size + offset + kMappedFootPad;
+    if (ms->munmap(reinterpret_cast<char*>(chunk) - offset, mappingSize, ms->context) == 0) {
+      ms->footprint -= mappingSize;
+      ms->direct_bytes -= mappingSize;
     }
     return;
   }
-  Chunk* next = plusOffset(p, psize);
-  if (!pinuse(next)) corruptionError();
+  Chunk* next = plusOffset(chunk, size);
+  if (!pinuse(next)) corruptionError();  // the two boundary tags disagree
 
-  const bool merged = !pinuse(p) || !cinuse(next);
-  if (!pinuse(p)) {
-    const size_t prevsize = p->prev_foot;
-    Chunk* prev = minusOffset(p, prevsize);
-    psize += prevsize;
-    p = prev;
-    if (p != m->dv) {
-      unlinkChunk(m, p, prevsize);
+  const bool merged = !pinuse(chunk) || !cinuse(next);
+  if (!pinuse(chunk)) {
+    const size_t prevSize = chunk->prev_foot;
+    Chunk* prev = minusOffset(chunk, prevSize);
+    size += prevSize;
+    chunk = prev;
+    if (chunk != ms->dv) {
+      unlinkChunk(ms, chunk, prevSize);
     } else if ((next->head & kInuseBits) == kInuseBits) {
-      m->dvsize = psize;
-      setFreeWithPinuse(p, psize, next);
+      ms->dvsize = size;
+      setFreeWithPinuse(chunk, size, next);
       return;
     }
   }
 
   if (!cinuse(next)) {
-    if (next == m->top) {
-      const size_t tsize = m->topsize += psize;
-      m->top = p;
-      p->head = tsize | kPinuse;
-      if (p == m->dv) {
-        m->dv = nullptr;
-        m->dvsize = 0;
+    if (next == ms->top) {
+      const size_t topSize = ms->topsize += size;
+      ms->top = chunk;
+      chunk->head = topSize | kPinuse;
+      if (chunk == ms->dv) {
+        ms->dv = nullptr;
+        ms->dvsize = 0;
       }
-      if (tsize > m->trim_check) sysTrim(m, 0);
+      if (topSize > ms->trim_check) sysTrim(ms, 0);
       return;
     }
-    if (next == m->dv) {
-      const size_t dsize = m->dvsize += psize;
-      m->dv = p;
-      setSizeAndPinuseOfFreeChunk(p, dsize);
+    if (next == ms->dv) {
+      const size_t dvSize = ms->dvsize += size;
+      ms->dv = chunk;
+      setSizeAndPinuseOfFreeChunk(chunk, dvSize);
       return;
     }
-    const size_t nsize = chunkSize(next);
-    psize += nsize;
-    unlinkChunk(m, next, nsize);
-    setSizeAndPinuseOfFreeChunk(p, psize);
-    if (p == m->dv) {
-      m->dvsize = psize;
+    const size_t nextSize = chunkSize(next);
+    size += nextSize;
+    unlinkChunk(ms, next, nextSize);
+    setSizeAndPinuseOfFreeChunk(chunk, size);
+    if (chunk == ms->dv) {
+      ms->dvsize = size;
       return;
     }
   } else {
-    setFreeWithPinuse(p, psize, next);
+    setFreeWithPinuse(chunk, size, next);
   }
-  if (merged && m->dvsize == 0) {
+  if (merged && ms->dvsize == 0) {
     // A chunk that grew by coalescing becomes the victim while there is none:
     // neighbours freed next merge into it without bin traffic (frees tend to
     // come in runs), and every request still reaches it.
-    m->dv = p;
-    m->dvsize = psize;
+    ms->dv = chunk;
+    ms->dvsize = size;
     return;
   }
-  insertChunk(m, p, psize);
+  insertChunk(ms, chunk, size);
 }
 
 // The common cases, inlined into the entry points: an exact small-bin hit,
 // a split of the dv or of the top chunk.
-[[gnu::always_inline]] inline void* mallocFast(State* m, size_t bytes) {
+[[gnu::always_inline]] inline void* mallocFast(State* ms, size_t bytes) {
   if (bytes <= kMaxSmallRequest) [[likely]] {
-    const size_t nb = requestToSize(bytes);
-    const bindex_t idx = smallIndex(nb);
-    const binmap_t smallbits = m->smallmap >> idx;
-    if ((smallbits & 3U) != 0) [[likely]] {
+    const size_t chunkBytes = requestToSize(bytes);
+    const bindex_t index = smallIndex(chunkBytes);
+    const binmap_t binsFromIndex = ms->smallmap >> index;
+    if ((binsFromIndex & 3U) != 0) [[likely]] {
       // Exact fit, or the next size up (its 16-byte excess cannot stand alone).
-      const bindex_t i = idx + (~smallbits & 1U);
-      Chunk* b = smallBinAt(m, i);
-      Chunk* p = b->fd;
-      unlinkFirstSmallChunk(m, b, p, i);
-      setInuseAndPinuse(p, smallIndexToSize(i));
-      return chunkToMem(p);
+      const bindex_t binIndex = index + (~binsFromIndex & 1U);
+      Chunk* binHead = smallBinAt(ms, binIndex);
+      Chunk* chunk = binHead->fd;
+      unlinkFirstSmallChunk(ms, binHead, chunk, binIndex);
+      setInuseAndPinuse(chunk, smallIndexToSize(binIndex));
+      return chunkToMem(chunk);
     }
-    if (nb <= m->dvsize) return splitDv(m, nb);
-    if ((smallbits | m->treemap) == 0 && nb < m->topsize) return splitTop(m, nb);
+    if (chunkBytes <= ms->dvsize) return splitDv(ms, chunkBytes);
+    // The top only when no bin could serve: a binned chunk is reused first.
+    if ((binsFromIndex | ms->treemap) == 0 && chunkBytes < ms->topsize) return splitTop(ms, chunkBytes);
   }
-  return mallocSlow(m, bytes);
+  return mallocSlow(ms, bytes);
 }
 
 // A chunk between two chunks in use goes straight to its small bin; one
 // that borders the top merges into it; everything else takes freeSlow.
-[[gnu::always_inline]] inline void freeFast(State* m, void* mem) {
-  Chunk* p = memToChunk(mem);
-  if (!okAddress(m, p) || !cinuse(p)) [[unlikely]]
+[[gnu::always_inline]] inline void freeFast(State* ms, void* mem) {
+  Chunk* chunk = memToChunk(mem);
+  if (!okAddress(ms, chunk) || !cinuse(chunk)) [[unlikely]]
     corruptionError();
-  const size_t head = p->head;
-  const size_t psize = head & ~kFlagBits;
-  Chunk* next = plusOffset(p, psize);
-  if ((head & (kPinuse | kMappedBit)) == kPinuse && isSmall(psize)) [[likely]] {
-    const size_t nhead = next->head;
-    if ((nhead & kInuseBits) == kInuseBits) {
-      next->head = nhead & ~kPinuse;
-      setSizeAndPinuseOfFreeChunk(p, psize);
-      insertSmallChunk(m, p, psize);
+  const size_t head = chunk->head;
+  const size_t size = head & ~kFlagBits;
+  Chunk* next = plusOffset(chunk, size);
+  if ((head & (kPinuse | kMappedBit)) == kPinuse && isSmall(size)) [[likely]] {
+    const size_t nextHead = next->head;
+    if ((nextHead & kInuseBits) == kInuseBits) {
+      next->head = nextHead & ~kPinuse;
+      setSizeAndPinuseOfFreeChunk(chunk, size);
+      insertSmallChunk(ms, chunk, size);
       return;
     }
-    if (next == m->top && (nhead & kPinuse) != 0) {
-      const size_t tsize = m->topsize += psize;
-      m->top = p;
-      p->head = tsize | kPinuse;
-      if (tsize > m->trim_check) [[unlikely]]
-        sysTrim(m, 0);
+    if (next == ms->top && (nextHead & kPinuse) != 0) {
+      const size_t topSize = ms->topsize += size;
+      ms->top = chunk;
+      chunk->head = topSize | kPinuse;
+      if (topSize > ms->trim_check) [[unlikely]]
+        sysTrim(ms, 0);
       return;
     }
   }
-  freeSlow(m, p);
+  freeSlow(ms, chunk);
 }
 
 }  // namespace
 
-void* internalMalloc(State* m, size_t bytes) { return mallocFast(m, bytes); }
-void internalFree(State* m, void* mem) { freeFast(m, mem); }
+void* internalMalloc(State* ms, size_t bytes) { return mallocFast(ms, bytes); }
+void internalFree(State* ms, void* mem) { freeFast(ms, mem); }
 
 }  // namespace mspace_detail
 
@@ -413,13 +418,14 @@ void mspace_free(mspace msp, void* mem) {
 
 void* mspace_calloc(mspace msp, unsigned long n_elements, unsigned long elem_size) {
   if (!okMagic(msp)) usageError();
-  size_t req = 0;
-  if (n_elements != 0 && __builtin_mul_overflow(n_elements, elem_size, &req)) req = ~size_t{0};
-  void* mem = internalMalloc(msp, req);
+  // An overflowing product becomes a request that always fails.
+  size_t totalBytes = 0;
+  if (n_elements != 0 && __builtin_mul_overflow(n_elements, elem_size, &totalBytes)) totalBytes = ~size_t{0};
+  void* mem = internalMalloc(msp, totalBytes);
   if (mem == nullptr) return nullptr;
   // A fresh direct map from the system function is already zero; memory
   // from any other source is cleared.
-  if (!isMapped(memToChunk(mem)) || !directMapWasDefault(msp)) std::memset(mem, 0, req);
+  if (!isMapped(memToChunk(mem)) || !directMapWasDefault(msp)) std::memset(mem, 0, totalBytes);
   return mem;
 }
 
