@@ -10,214 +10,228 @@ namespace kestrel {
 namespace mspace_detail {
 namespace {
 
-// Gives the tail of in-use chunk p beyond nb back to the mspace.
-void shrinkInPlace(State* m, Chunk* p, size_t nb) {
-  const size_t rsize = chunkSize(p) - nb;
-  if (rsize < kMinChunkSize) return;
-  setInuse(p, nb);
-  Chunk* r = plusOffset(p, nb);
-  r->head = rsize | kPinuse | kCinuse;
-  internalFree(m, chunkToMem(r));
+// Gives the tail of in-use chunk beyond chunkBytes back to the mspace.
+void shrinkInPlace(State* ms, Chunk* chunk, size_t chunkBytes) {
+  const size_t remainderSize = chunkSize(chunk) - chunkBytes;
+  if (remainderSize < kMinChunkSize) return;
+  setInuse(chunk, chunkBytes);
+  Chunk* remainder = plusOffset(chunk, chunkBytes);
+  // Freed as an in-use chunk so that it coalesces like any other.
+  remainder->head = remainderSize | kPinuse | kCinuse;
+  internalFree(ms, chunkToMem(remainder));
 }
 
-// Tries to make in-use chunk p hold nb bytes without moving it.
-bool resizeInPlace(State* m, Chunk* p, size_t nb) {
-  const size_t oldsize = chunkSize(p);
-  if (isMapped(p)) {
+// Tries to make in-use chunk hold chunkBytes without moving it.
+bool resizeInPlace(State* ms, Chunk* chunk, size_t chunkBytes) {
+  const size_t oldSize = chunkSize(chunk);
+  if (isMapped(chunk)) {
     // A mapping is kept when it is large enough and not too wasteful; it is
     // never moved to a smaller mapping in place.
-    return !isSmall(nb) && oldsize >= nb + kWord && oldsize - nb <= (granularity() << 1);
+    return !isSmall(chunkBytes) && oldSize >= chunkBytes + kWord && oldSize - chunkBytes <= (granularity() << 1);
   }
-  Chunk* next = plusOffset(p, oldsize);
+  Chunk* next = plusOffset(chunk, oldSize);
   if (!pinuse(next)) corruptionError();
-  if (oldsize >= nb) {
-    shrinkInPlace(m, p, nb);
+  if (oldSize >= chunkBytes) {
+    shrinkInPlace(ms, chunk, chunkBytes);
     return true;
   }
-  if (next == m->top) {
-    if (oldsize + m->topsize <= nb) return false;
-    const size_t newtopsize = oldsize + m->topsize - nb;
-    setInuse(p, nb);
-    Chunk* newtop = plusOffset(p, nb);
-    newtop->head = newtopsize | kPinuse;
-    m->top = newtop;
-    m->topsize = newtopsize;
+  if (next == ms->top) {
+    if (oldSize + ms->topsize <= chunkBytes) return false;  // the top must stay non-empty
+    const size_t newTopSize = oldSize + ms->topsize - chunkBytes;
+    setInuse(chunk, chunkBytes);
+    Chunk* newTop = plusOffset(chunk, chunkBytes);
+    newTop->head = newTopSize | kPinuse;
+    ms->top = newTop;
+    ms->topsize = newTopSize;
     return true;
   }
   if (cinuse(next)) return false;
   // A free neighbour (binned or the designated victim).
-  const size_t nsize = chunkSize(next);
-  const size_t total = oldsize + nsize;
-  if (total < nb) return false;
-  const bool wasDv = next == m->dv;
+  const size_t nextSize = chunkSize(next);
+  const size_t combinedSize = oldSize + nextSize;
+  if (combinedSize < chunkBytes) return false;
+  const bool wasDv = next == ms->dv;
   if (wasDv) {
-    m->dv = nullptr;
-    m->dvsize = 0;
+    ms->dv = nullptr;
+    ms->dvsize = 0;
   } else {
-    unlinkChunk(m, next, nsize);
+    unlinkChunk(ms, next, nextSize);
   }
-  const size_t rsize = total - nb;
-  if (rsize < kMinChunkSize) {
-    setInuse(p, total);
+  const size_t remainderSize = combinedSize - chunkBytes;
+  if (remainderSize < kMinChunkSize) {
+    setInuse(chunk, combinedSize);
     return true;
   }
-  setInuse(p, nb);
-  Chunk* r = plusOffset(p, nb);
-  setSizeAndPinuseOfFreeChunk(r, rsize);  // the chunk after r already has PINUSE clear
+  setInuse(chunk, chunkBytes);
+  Chunk* remainder = plusOffset(chunk, chunkBytes);
+  setSizeAndPinuseOfFreeChunk(remainder, remainderSize);  // the chunk after it already has PINUSE clear
+  // The remainder keeps the role of the neighbour it came from.
   if (wasDv) {
-    m->dv = r;
-    m->dvsize = rsize;
+    ms->dv = remainder;
+    ms->dvsize = remainderSize;
   } else {
-    insertChunk(m, r, rsize);
+    insertChunk(ms, remainder, remainderSize);
   }
   return true;
 }
 
-void* internalRealloc(State* m, void* oldmem, size_t bytes) {
+void* internalRealloc(State* ms, void* oldMem, size_t bytes) {
   if (bytes >= kMaxRequest) {
     setNoMemory();
     return nullptr;
   }
-  Chunk* oldp = memToChunk(oldmem);
-  if (!okAddress(m, oldp) || !cinuse(oldp)) corruptionError();
-  if (resizeInPlace(m, oldp, requestToSize(bytes))) return oldmem;
-  void* newmem = internalMalloc(m, bytes);
-  if (newmem != nullptr) {
-    const size_t oc = usableSize(oldp);
-    std::memcpy(newmem, oldmem, oc < bytes ? oc : bytes);
-    internalFree(m, oldmem);
+  Chunk* oldChunk = memToChunk(oldMem);
+  if (!okAddress(ms, oldChunk) || !cinuse(oldChunk)) corruptionError();
+  if (resizeInPlace(ms, oldChunk, requestToSize(bytes))) return oldMem;
+  void* newMem = internalMalloc(ms, bytes);
+  if (newMem != nullptr) {
+    const size_t oldUsable = usableSize(oldChunk);
+    std::memcpy(newMem, oldMem, oldUsable < bytes ? oldUsable : bytes);
+    internalFree(ms, oldMem);
   }
-  return newmem;
+  return newMem;
 }
 
-void* internalMemalign(State* m, size_t alignment, size_t bytes) {
-  if (alignment <= kAlignment) return internalMalloc(m, bytes);
+// Over-allocates by the alignment, then frees the leader in front of the
+// first suitably aligned chunk and any trailer that can stand as a chunk.
+void* internalMemalign(State* ms, size_t alignment, size_t bytes) {
+  if (alignment <= kAlignment) return internalMalloc(ms, bytes);
   if (alignment < kMinChunkSize) alignment = kMinChunkSize;
   if ((alignment & (alignment - 1)) != 0) {
+    // Not a power of two: round up to one.
     constexpr size_t kLargestPower = ~(~size_t{0} >> 1);
     if (alignment > kLargestPower) {
       setNoMemory();
       return nullptr;
     }
-    size_t a = kAlignment << 1;
-    while (a < alignment) a <<= 1;
-    alignment = a;
+    size_t powerOfTwo = kAlignment << 1;
+    while (powerOfTwo < alignment) powerOfTwo <<= 1;
+    alignment = powerOfTwo;
   }
   if (bytes >= kMaxRequest - alignment) {
     setNoMemory();
     return nullptr;
   }
-  const size_t nb = requestToSize(bytes);
-  const size_t req = nb + alignment + kMinChunkSize - kChunkOverhead;
-  char* mem = static_cast<char*>(internalMalloc(m, req));
+  const size_t chunkBytes = requestToSize(bytes);
+  // Enough for an aligned chunk of chunkBytes after a leader of at least
+  // kMinChunkSize, wherever the allocation lands.
+  const size_t paddedRequest = chunkBytes + alignment + kMinChunkSize - kChunkOverhead;
+  char* mem = static_cast<char*>(internalMalloc(ms, paddedRequest));
   if (mem == nullptr) return nullptr;
-  Chunk* p = memToChunk(mem);
+  Chunk* chunk = memToChunk(mem);
   void* leader = nullptr;
   void* trailer = nullptr;
 
   if (reinterpret_cast<uintptr_t>(mem) % alignment != 0) {
     // The first aligned spot whose leader is big enough to be a chunk.
-    const uintptr_t aligned = (reinterpret_cast<uintptr_t>(mem) + alignment - 1) & ~(alignment - 1);
-    char* br = reinterpret_cast<char*>(memToChunk(reinterpret_cast<void*>(aligned)));
-    char* pos = static_cast<size_t>(br - reinterpret_cast<char*>(p)) >= kMinChunkSize ? br : br + alignment;
-    Chunk* newp = chunkAt(pos);
-    const size_t leadsize = static_cast<size_t>(pos - reinterpret_cast<char*>(p));
-    const size_t newsize = chunkSize(p) - leadsize;
-    if (isMapped(p)) {
-      newp->prev_foot = p->prev_foot + leadsize;
-      newp->head = newsize | kCinuse | kMappedBit;
+    const uintptr_t alignedMem = (reinterpret_cast<uintptr_t>(mem) + alignment - 1) & ~(alignment - 1);
+    char* candidate = reinterpret_cast<char*>(memToChunk(reinterpret_cast<void*>(alignedMem)));
+    char* alignedStart = static_cast<size_t>(candidate - reinterpret_cast<char*>(chunk)) >= kMinChunkSize
+                             ? candidate
+                             : candidate + alignment;
+    Chunk* alignedChunk = chunkAt(alignedStart);
+    const size_t leaderSize = static_cast<size_t>(alignedStart - reinterpret_cast<char*>(chunk));
+    const size_t alignedSize = chunkSize(chunk) - leaderSize;
+    if (isMapped(chunk)) {
+      // A mapped chunk just moves its start; the leader stays in the mapping.
+      alignedChunk->prev_foot = chunk->prev_foot + leaderSize;
+      alignedChunk->head = alignedSize | kCinuse | kMappedBit;
     } else {
-      setInuse(newp, newsize);
-      setInuse(p, leadsize);
-      leader = chunkToMem(p);
+      setInuse(alignedChunk, alignedSize);
+      setInuse(chunk, leaderSize);
+      leader = chunkToMem(chunk);
     }
-    p = newp;
+    chunk = alignedChunk;
   }
-  if (!isMapped(p)) {
-    const size_t size = chunkSize(p);
-    if (size > nb + kMinChunkSize) {
-      const size_t rsize = size - nb;
-      Chunk* r = plusOffset(p, nb);
-      setInuse(p, nb);
-      setInuse(r, rsize);
-      trailer = chunkToMem(r);
+  if (!isMapped(chunk)) {
+    const size_t size = chunkSize(chunk);
+    if (size > chunkBytes + kMinChunkSize) {
+      const size_t trailerSize = size - chunkBytes;
+      Chunk* trailerChunk = plusOffset(chunk, chunkBytes);
+      setInuse(chunk, chunkBytes);
+      setInuse(trailerChunk, trailerSize);
+      trailer = chunkToMem(trailerChunk);
     }
   }
-  if (leader != nullptr) internalFree(m, leader);
-  if (trailer != nullptr) internalFree(m, trailer);
-  return chunkToMem(p);
+  // Both pieces are ordinary in-use chunks now: freeing them coalesces them
+  // with their free neighbours.
+  if (leader != nullptr) internalFree(ms, leader);
+  if (trailer != nullptr) internalFree(ms, trailer);
+  return chunkToMem(chunk);
 }
 
-// Carves n blocks out of one allocation. opts bit 0: all blocks have
-// sizes[0] bytes; bit 1: clear the blocks.
-void** independentAlloc(State* m, size_t n, const size_t* sizes, int opts, void** chunks) {
-  void** marray;
+// Carves count blocks out of one allocation. opts bit 0: all blocks have
+// sizes[0] bytes; bit 1: clear the blocks. Unless the caller passes the
+// array for the pointers (chunks), it is carved from the same allocation.
+void** independentAlloc(State* ms, size_t count, const size_t* sizes, int opts, void** chunks) {
+  void** pointers;
   size_t arraySize;
   if (chunks != nullptr) {
-    if (n == 0) return chunks;
-    marray = chunks;
+    if (count == 0) return chunks;
+    pointers = chunks;
     arraySize = 0;
   } else {
-    if (n == 0) return static_cast<void**>(internalMalloc(m, 0));
-    marray = nullptr;
-    size_t bytes;
-    if (__builtin_mul_overflow(n, sizeof(void*), &bytes) || bytes >= kMaxRequest) {
+    if (count == 0) return static_cast<void**>(internalMalloc(ms, 0));
+    pointers = nullptr;
+    size_t arrayBytes;
+    if (__builtin_mul_overflow(count, sizeof(void*), &arrayBytes) || arrayBytes >= kMaxRequest) {
       setNoMemory();
       return nullptr;
     }
-    arraySize = requestToSize(bytes);
+    arraySize = requestToSize(arrayBytes);
   }
 
   size_t elementSize = 0;
   size_t contentsSize = 0;
   if ((opts & 1) != 0) {
-    if (sizes[0] >= kMaxRequest || __builtin_mul_overflow(n, requestToSize(sizes[0]), &contentsSize)) {
+    if (sizes[0] >= kMaxRequest || __builtin_mul_overflow(count, requestToSize(sizes[0]), &contentsSize)) {
       setNoMemory();
       return nullptr;
     }
     elementSize = requestToSize(sizes[0]);
   } else {
-    for (size_t i = 0; i != n; ++i) {
+    for (size_t i = 0; i != count; ++i) {
       if (sizes[i] >= kMaxRequest || __builtin_add_overflow(contentsSize, requestToSize(sizes[i]), &contentsSize)) {
         setNoMemory();
         return nullptr;
       }
     }
   }
-  size_t size;
-  if (__builtin_add_overflow(contentsSize, arraySize, &size) || size - kChunkOverhead >= kMaxRequest) {
+  size_t totalSize;
+  if (__builtin_add_overflow(contentsSize, arraySize, &totalSize) || totalSize - kChunkOverhead >= kMaxRequest) {
     setNoMemory();
     return nullptr;
   }
 
   // The pieces are freed one by one, so the region must not be a direct map.
-  const unsigned mmapWasOn = m->mflags & kUseMmap;
-  m->mflags &= ~kUseMmap;
-  void* mem = internalMalloc(m, size - kChunkOverhead);
-  m->mflags |= mmapWasOn;
+  const unsigned mmapWasOn = ms->mflags & kUseMmap;
+  ms->mflags &= ~kUseMmap;
+  void* mem = internalMalloc(ms, totalSize - kChunkOverhead);
+  ms->mflags |= mmapWasOn;
   if (mem == nullptr) return nullptr;
 
-  Chunk* p = memToChunk(mem);
-  size_t remainderSize = chunkSize(p);
+  Chunk* chunk = memToChunk(mem);
+  size_t remainderSize = chunkSize(chunk);
   if ((opts & 2) != 0) std::memset(mem, 0, remainderSize - kWord - arraySize);
-  if (marray == nullptr) {
-    Chunk* arrayChunk = plusOffset(p, contentsSize);
+  if (pointers == nullptr) {
+    Chunk* arrayChunk = plusOffset(chunk, contentsSize);
     setSizeAndPinuseOfInuseChunk(arrayChunk, remainderSize - contentsSize);
-    marray = static_cast<void**>(chunkToMem(arrayChunk));
+    pointers = static_cast<void**>(chunkToMem(arrayChunk));
     remainderSize = contentsSize;
   }
   for (size_t i = 0;; ++i) {
-    marray[i] = chunkToMem(p);
-    if (i == n - 1) {
-      setSizeAndPinuseOfInuseChunk(p, remainderSize);
+    pointers[i] = chunkToMem(chunk);
+    if (i == count - 1) {
+      // The last block takes the rest, including any split slack.
+      setSizeAndPinuseOfInuseChunk(chunk, remainderSize);
       break;
     }
-    const size_t s = elementSize != 0 ? elementSize : requestToSize(sizes[i]);
-    remainderSize -= s;
-    setSizeAndPinuseOfInuseChunk(p, s);
-    p = plusOffset(p, s);
+    const size_t blockSize = elementSize != 0 ? elementSize : requestToSize(sizes[i]);
+    remainderSize -= blockSize;
+    setSizeAndPinuseOfInuseChunk(chunk, blockSize);
+    chunk = plusOffset(chunk, blockSize);
   }
-  return marray;
+  return pointers;
 }
 
 }  // namespace
@@ -240,8 +254,8 @@ void* mspace_memalign(mspace msp, unsigned long alignment, unsigned long bytes) 
 
 void** mspace_independent_calloc(mspace msp, unsigned long n_elements, unsigned long elem_size, void* chunks[]) {
   if (!okMagic(msp)) usageError();
-  const size_t sz = elem_size;
-  return independentAlloc(msp, n_elements, &sz, 3, chunks);
+  const size_t elementSize = elem_size;
+  return independentAlloc(msp, n_elements, &elementSize, 3, chunks);
 }
 
 void** mspace_independent_comalloc(mspace msp, unsigned long n_elements, const unsigned long sizes[], void* chunks[]) {
