@@ -26,10 +26,10 @@ void ensureParams() {
   static const bool initialised = [] {
     const size_t page = systemPageSize();
     if (page == 0 || (page & (page - 1)) != 0) std::abort();
-    size_t gran = 0x10000;
-    if (gran < page) gran = page;  // a granule is never smaller than a page
+    size_t granule = 0x10000;  // 64 KiB
+    if (granule < page) granule = page;  // a granule is never smaller than a page
     gParams.page_size.store(page, std::memory_order_relaxed);
-    gParams.granularity.store(gran, std::memory_order_relaxed);
+    gParams.granularity.store(granule, std::memory_order_relaxed);
     gParams.trim_threshold.store(0x200000, std::memory_order_relaxed);
     gParams.mmap_threshold.store(~size_t{0}, std::memory_order_relaxed);
     gParams.default_flags.store(kUseMmap | kNonContiguous, std::memory_order_relaxed);
@@ -42,251 +42,252 @@ void usageError() { std::abort(); }
 void corruptionError() { std::abort(); }
 void setNoMemory() { errno = ENOMEM; }
 
-bool directMapWasDefault(const State* m) { return m->direct_mmap == &default_direct_mmap_func; }
+bool directMapWasDefault(const State* ms) { return ms->direct_mmap == &default_direct_mmap_func; }
 
-void initTop(State* m, Chunk* p, size_t psize) {
-  m->top = p;
-  m->topsize = psize;
-  p->head = psize | kPinuse;
-  m->trim_check = gParams.trim_threshold.load(std::memory_order_relaxed);
+// Also re-arms automatic trimming: the top changed, so a later free may
+// find something to give back again.
+void initTop(State* ms, Chunk* top, size_t topSize) {
+  ms->top = top;
+  ms->topsize = topSize;
+  top->head = topSize | kPinuse;
+  ms->trim_check = gParams.trim_threshold.load(std::memory_order_relaxed);
 }
 
-State* initUserState(char* tbase, size_t tsize) {
-  Chunk* msp = alignAsChunk(tbase);
-  char* end = alignDown(tbase + tsize);
-  Chunk* first = plusOffset(msp, kStateChunkSize);
+State* initUserState(char* base, size_t size) {
+  Chunk* stateChunk = alignAsChunk(base);
+  char* end = alignDown(base + size);
+  Chunk* first = plusOffset(stateChunk, kStateChunkSize);
   if (reinterpret_cast<char*>(first) + kTopFootSize > end) return nullptr;  // misaligned base ate the room
-  auto* m = static_cast<State*>(chunkToMem(msp));
-  std::memset(static_cast<void*>(m), 0, sizeof(State));
-  msp->head = kStateChunkSize | kPinuse | kCinuse;
-  m->seg.base = m->least_addr = tbase;
-  m->seg.size = m->footprint = m->max_footprint = tsize;
-  m->magic = kMagic;
-  m->mflags = gParams.default_flags.load(std::memory_order_relaxed) | kNonContiguous;
+  auto* ms = static_cast<State*>(chunkToMem(stateChunk));
+  std::memset(static_cast<void*>(ms), 0, sizeof(State));
+  stateChunk->head = kStateChunkSize | kPinuse | kCinuse;
+  ms->seg.base = ms->least_addr = base;
+  ms->seg.size = ms->footprint = ms->max_footprint = size;
+  ms->magic = kMagic;
+  ms->mflags = gParams.default_flags.load(std::memory_order_relaxed) | kNonContiguous;
   for (bindex_t i = 0; i < kSmallBins; ++i) {
-    Chunk* b = smallBinAt(m, i);
-    b->fd = b->bk = b;
+    Chunk* binHead = smallBinAt(ms, i);
+    binHead->fd = binHead->bk = binHead;
   }
-  m->context = nullptr;
-  m->direct_mmap = &default_direct_mmap_func;
-  m->segment_mmap = &default_mmap_func;
-  m->munmap = &default_munmap_func;
-  m->sbrk = &default_sbrk_func;
+  ms->context = nullptr;
+  ms->direct_mmap = &default_direct_mmap_func;
+  ms->segment_mmap = &default_mmap_func;
+  ms->munmap = &default_munmap_func;
+  ms->sbrk = &default_sbrk_func;
   // The top chunk ends where the foot of the (alignment-trimmed) segment starts.
-  initTop(m, first, static_cast<size_t>(end - kTopFootSize - reinterpret_cast<char*>(first)));
-  return m;
+  initTop(ms, first, static_cast<size_t>(end - kTopFootSize - reinterpret_cast<char*>(first)));
+  return ms;
 }
 
 namespace {
 
-void noteFootprint(State* m, size_t grown) {
-  m->footprint += grown;
-  if (m->footprint > m->max_footprint) m->max_footprint = m->footprint;
+void noteFootprint(State* ms, size_t grown) {
+  ms->footprint += grown;
+  if (ms->footprint > ms->max_footprint) ms->max_footprint = ms->footprint;
 }
 
-// One chunk in a mapping of its own.
-void* directAlloc(State* m, size_t nb) {
-  const size_t mmsize = granularityAlign(nb + kDirectMapExtra);
-  if (mmsize <= nb) return nullptr;  // overflow
-  char* mm = static_cast<char*>(m->direct_mmap(mmsize, m->context));
-  if (mapFailed(mm)) return nullptr;
-  const size_t offset = alignOffset(mm + kMemOffset);
-  const size_t psize = mmsize - offset - kMappedFootPad;
-  Chunk* p = chunkAt(mm + offset);
-  p->prev_foot = offset;
-  p->head = psize | kCinuse | kMappedBit;
-  plusOffset(p, psize)->head = kFencepostHead;
-  plusOffset(p, psize + kWord)->head = 0;
-  if (mm < m->least_addr) m->least_addr = mm;
-  m->direct_bytes += mmsize;
-  noteFootprint(m, mmsize);
-  return chunkToMem(p);
+// One chunk in a mapping of its own, followed by two fencepost words.
+void* directAlloc(State* ms, size_t chunkBytes) {
+  const size_t mappingSize = granularityAlign(chunkBytes + kDirectMapExtra);
+  if (mappingSize <= chunkBytes) return nullptr;  // overflow
+  char* mapping = static_cast<char*>(ms->direct_mmap(mappingSize, ms->context));
+  if (mapFailed(mapping)) return nullptr;
+  const size_t offset = alignOffset(mapping + kMemOffset);
+  const size_t size = mappingSize - offset - kMappedFootPad;
+  Chunk* chunk = chunkAt(mapping + offset);
+  chunk->prev_foot = offset;  // lets free find the start of the mapping
+  chunk->head = size | kCinuse | kMappedBit;
+  plusOffset(chunk, size)->head = kFencepostHead;
+  plusOffset(chunk, size + kWord)->head = 0;
+  if (mapping < ms->least_addr) ms->least_addr = mapping;
+  ms->direct_bytes += mappingSize;
+  noteFootprint(ms, mappingSize);
+  return chunkToMem(chunk);
 }
 
-// Serves nb from the new region [newbase, oldbase) merged in front of the
-// segment that started at oldbase; the rest joins the old first chunk.
-void* prependAlloc(State* m, char* newbase, char* oldbase, size_t nb) {
-  Chunk* p = alignAsChunk(newbase);
-  Chunk* oldfirst = alignAsChunk(oldbase);
-  const size_t psize = static_cast<size_t>(reinterpret_cast<char*>(oldfirst) - reinterpret_cast<char*>(p));
-  Chunk* q = plusOffset(p, nb);
-  size_t qsize = psize - nb;
-  setSizeAndPinuseOfInuseChunk(p, nb);
-  if (oldfirst == m->top) {
-    const size_t tsize = m->topsize += qsize;
-    m->top = q;
-    q->head = tsize | kPinuse;
-  } else if (oldfirst == m->dv) {
-    const size_t dsize = m->dvsize += qsize;
-    m->dv = q;
-    setSizeAndPinuseOfFreeChunk(q, dsize);
+// Serves chunkBytes from the new region [newBase, oldBase) merged in front
+// of the segment that started at oldBase; the rest joins the old first chunk.
+void* prependAlloc(State* ms, char* newBase, char* oldBase, size_t chunkBytes) {
+  Chunk* chunk = alignAsChunk(newBase);
+  Chunk* oldFirst = alignAsChunk(oldBase);
+  const size_t regionSize = static_cast<size_t>(reinterpret_cast<char*>(oldFirst) - reinterpret_cast<char*>(chunk));
+  Chunk* rest = plusOffset(chunk, chunkBytes);
+  size_t restSize = regionSize - chunkBytes;
+  setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
+  if (oldFirst == ms->top) {
+    const size_t topSize = ms->topsize += restSize;
+    ms->top = rest;
+    rest->head = topSize | kPinuse;
+  } else if (oldFirst == ms->dv) {
+    const size_t dvSize = ms->dvsize += restSize;
+    ms->dv = rest;
+    setSizeAndPinuseOfFreeChunk(rest, dvSize);
   } else {
-    if (!cinuse(oldfirst)) {
-      const size_t nsize = chunkSize(oldfirst);
-      unlinkChunk(m, oldfirst, nsize);
-      oldfirst = plusOffset(oldfirst, nsize);
-      qsize += nsize;
+    if (!cinuse(oldFirst)) {
+      const size_t oldFirstSize = chunkSize(oldFirst);
+      unlinkChunk(ms, oldFirst, oldFirstSize);
+      oldFirst = plusOffset(oldFirst, oldFirstSize);
+      restSize += oldFirstSize;
     }
-    setFreeWithPinuse(q, qsize, oldfirst);
-    insertChunk(m, q, qsize);
+    setFreeWithPinuse(rest, restSize, oldFirst);
+    insertChunk(ms, rest, restSize);
   }
-  return chunkToMem(p);
+  return chunkToMem(chunk);
 }
 
-// Makes [tbase, tbase + tsize) the head segment holding the top chunk.
-void addSegment(State* m, char* tbase, size_t tsize, unsigned flags) {
-  Chunk* oldTop = m->top;
-  const size_t oldTopSize = m->topsize;
+// Makes [base, base + size) the head segment holding the top chunk.
+void addSegment(State* ms, char* base, size_t size, unsigned flags) {
+  Chunk* oldTop = ms->top;
+  const size_t oldTopSize = ms->topsize;
   char* oldEnd = reinterpret_cast<char*>(oldTop) + oldTopSize + kTopFootSize;
   // The record goes behind the old top if what stays in front of it can be a
   // free chunk, else at the old top itself.
-  Chunk* rec = oldTopSize >= kMinChunkSize ? plusOffset(oldTop, oldTopSize) : oldTop;
-  auto* ss = static_cast<Segment*>(chunkToMem(rec));
+  Chunk* recordChunk = oldTopSize >= kMinChunkSize ? plusOffset(oldTop, oldTopSize) : oldTop;
+  auto* record = static_cast<Segment*>(chunkToMem(recordChunk));
 
-  Chunk* newTop = alignAsChunk(tbase);
-  initTop(m, newTop, static_cast<size_t>(alignDown(tbase + tsize) - kTopFootSize - reinterpret_cast<char*>(newTop)));
+  Chunk* newTop = alignAsChunk(base);
+  initTop(ms, newTop, static_cast<size_t>(alignDown(base + size) - kTopFootSize - reinterpret_cast<char*>(newTop)));
 
-  if (rec != oldTop) {
+  if (recordChunk != oldTop) {
     oldTop->head = oldTopSize | kPinuse;
-    rec->prev_foot = oldTopSize;
-    rec->head = kSegmentRecordChunk | kCinuse;
+    recordChunk->prev_foot = oldTopSize;
+    recordChunk->head = kSegmentRecordChunk | kCinuse;
   } else {
-    rec->head = kSegmentRecordChunk | kPinuse | kCinuse;
+    recordChunk->head = kSegmentRecordChunk | kPinuse | kCinuse;
   }
-  *ss = m->seg;
-  m->seg.base = tbase;
-  m->seg.size = tsize;
-  m->seg.next = ss;
-  m->seg.flags = flags;
-  for (Chunk* f = plusOffset(rec, kSegmentRecordChunk); reinterpret_cast<char*>(&f->head) + kWord <= oldEnd;
-       f = plusOffset(f, kWord))
-    f->head = kFencepostHead;
-  if (rec != oldTop) insertChunk(m, oldTop, oldTopSize);
+  *record = ms->seg;
+  ms->seg.base = base;
+  ms->seg.size = size;
+  ms->seg.next = record;
+  ms->seg.flags = flags;
+  for (Chunk* fencepost = plusOffset(recordChunk, kSegmentRecordChunk);
+       reinterpret_cast<char*>(&fencepost->head) + kWord <= oldEnd; fencepost = plusOffset(fencepost, kWord))
+    fencepost->head = kFencepostHead;
+  if (recordChunk != oldTop) insertChunk(ms, oldTop, oldTopSize);
 }
 
-// True if a segment record lies in [lo, hi).
-bool recordIn(State* m, const char* lo, const char* hi) {
-  for (Segment* s = m->seg.next; s != nullptr; s = s->next) {
-    const char* a = reinterpret_cast<const char*>(s);
-    if (a >= lo && a < hi) return true;
+// True if a segment record lies in [low, high).
+bool recordIn(State* ms, const char* low, const char* high) {
+  for (Segment* segment = ms->seg.next; segment != nullptr; segment = segment->next) {
+    const char* record = reinterpret_cast<const char*>(segment);
+    if (record >= low && record < high) return true;
   }
   return false;
 }
 
 // Unmaps every mapped segment (other than the head) that holds nothing but
 // one free chunk and its own record.
-size_t releaseUnmappedSegments(State* m) {
+size_t releaseUnmappedSegments(State* ms) {
   size_t released = 0;
-  Segment* pred = &m->seg;
-  Segment* sp = pred->next;
-  while (sp != nullptr) {
-    char* base = sp->base;
-    const size_t size = sp->size;
-    Segment* next = sp->next;
+  Segment* pred = &ms->seg;
+  Segment* segment = pred->next;
+  while (segment != nullptr) {
+    char* base = segment->base;
+    const size_t size = segment->size;
+    Segment* next = segment->next;  // read before the record is unmapped with its segment
     bool removed = false;
-    if (isMappedSegment(sp) && !isExternSegment(sp)) {
-      Chunk* p = alignAsChunk(base);
-      if (!cinuse(p) && nextChunk(p) == memToChunk(sp)) {
-        const size_t psize = chunkSize(p);
-        const bool wasDv = p == m->dv;
+    if (isMappedSegment(segment) && !isExternSegment(segment)) {
+      Chunk* chunk = alignAsChunk(base);
+      if (!cinuse(chunk) && nextChunk(chunk) == memToChunk(segment)) {
+        const size_t chunkBytes = chunkSize(chunk);
+        const bool wasDv = chunk == ms->dv;
         if (wasDv) {
-          m->dv = nullptr;
-          m->dvsize = 0;
+          ms->dv = nullptr;
+          ms->dvsize = 0;
         } else {
-          unlinkChunk(m, p, psize);
+          unlinkChunk(ms, chunk, chunkBytes);
         }
-        if (m->munmap(base, size, m->context) == 0) {
+        if (ms->munmap(base, size, ms->context) == 0) {
           released += size;
-          m->footprint -= size;
+          ms->footprint -= size;
           pred->next = next;
           removed = true;
-        } else if (wasDv) {
-          m->dv = p;
-          m->dvsize = psize;
+        } else if (wasDv) {  // still mapped: put the chunk back where it was
+          ms->dv = chunk;
+          ms->dvsize = chunkBytes;
         } else {
-          insertChunk(m, p, psize);
+          insertChunk(ms, chunk, chunkBytes);
         }
       }
     }
-    if (!removed) pred = sp;
-    sp = next;
+    if (!removed) pred = segment;
+    segment = next;
   }
   return released;
 }
 
 }  // namespace
 
-void* sysAlloc(State* m, size_t nb) {
-  if ((m->mflags & kUseMmap) != 0 && nb >= gParams.mmap_threshold.load(std::memory_order_relaxed)) {
-    if (void* mem = directAlloc(m, nb)) return mem;
+void* sysAlloc(State* ms, size_t chunkBytes) {
+  if ((ms->mflags & kUseMmap) != 0 && chunkBytes >= gParams.mmap_threshold.load(std::memory_order_relaxed)) {
+    if (void* mem = directAlloc(ms, chunkBytes)) return mem;
   }
 
-  const size_t asize = granularityAlign(nb + kSegmentMapExtra);
-  if (asize <= nb) {  // overflow
+  const size_t mappingSize = granularityAlign(chunkBytes + kSegmentMapExtra);
+  if (mappingSize <= chunkBytes) {  // overflow
     setNoMemory();
     return nullptr;
   }
-  char* tbase = static_cast<char*>(m->segment_mmap(asize, m->context));
-  if (mapFailed(tbase)) {
+  char* mapping = static_cast<char*>(ms->segment_mmap(mappingSize, ms->context));
+  if (mapFailed(mapping)) {
     setNoMemory();
     return nullptr;
   }
-  const size_t tsize = asize;
-  noteFootprint(m, tsize);
+  noteFootprint(ms, mappingSize);
 
   // Directly behind the top's segment: extend it.
-  Segment* sp = &m->seg;
-  if (sp->base + sp->size == tbase && isMappedSegment(sp) && !isExternSegment(sp)) {
-    sp->size += tsize;
-    initTop(m, m->top, m->topsize + tsize);
+  Segment* segment = &ms->seg;
+  if (segment->base + segment->size == mapping && isMappedSegment(segment) && !isExternSegment(segment)) {
+    segment->size += mappingSize;
+    initTop(ms, ms->top, ms->topsize + mappingSize);
   } else {
-    if (tbase < m->least_addr) m->least_addr = tbase;
+    if (mapping < ms->least_addr) ms->least_addr = mapping;
     // Directly in front of a mapped segment: merge and serve from the front.
-    for (sp = &m->seg; sp != nullptr && sp->base != tbase + tsize; sp = sp->next) {
+    for (segment = &ms->seg; segment != nullptr && segment->base != mapping + mappingSize; segment = segment->next) {
     }
-    if (sp != nullptr && isMappedSegment(sp) && !isExternSegment(sp)) {
-      char* oldbase = sp->base;
-      sp->base = tbase;
-      sp->size += tsize;
-      return prependAlloc(m, tbase, oldbase, nb);
+    if (segment != nullptr && isMappedSegment(segment) && !isExternSegment(segment)) {
+      char* oldBase = segment->base;
+      segment->base = mapping;
+      segment->size += mappingSize;
+      return prependAlloc(ms, mapping, oldBase, chunkBytes);
     }
-    addSegment(m, tbase, tsize, kMappedSegment);
+    addSegment(ms, mapping, mappingSize, kMappedSegment);
   }
 
-  if (nb < m->topsize) {
-    const size_t rsize = m->topsize -= nb;
-    Chunk* p = m->top;
-    Chunk* r = m->top = plusOffset(p, nb);
-    r->head = rsize | kPinuse;
-    setSizeAndPinuseOfInuseChunk(p, nb);
-    return chunkToMem(p);
+  if (chunkBytes < ms->topsize) {
+    const size_t remainderSize = ms->topsize -= chunkBytes;
+    Chunk* chunk = ms->top;
+    Chunk* remainder = ms->top = plusOffset(chunk, chunkBytes);
+    remainder->head = remainderSize | kPinuse;
+    setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
+    return chunkToMem(chunk);
   }
   setNoMemory();
   return nullptr;
 }
 
-bool sysTrim(State* m, size_t pad) {
+bool sysTrim(State* ms, size_t pad) {
   size_t released = 0;
-  if (pad >= kMaxRequest || m->top == nullptr) return false;
+  if (pad >= kMaxRequest || ms->top == nullptr) return false;
   pad += kTopFootSize;
-  if (m->topsize > pad) {
+  if (ms->topsize > pad) {
     // Whole granules of the top beyond pad, from the tail of the head segment.
     const size_t unit = granularity();
-    const size_t extra = ((m->topsize - pad + (unit - 1)) / unit - 1) * unit;
-    Segment* sp = &m->seg;
-    if (extra != 0 && isMappedSegment(sp) && !isExternSegment(sp) && sp->size >= extra) {
-      const size_t newsize = sp->size - extra;
-      char* cut = sp->base + newsize;
-      if (!recordIn(m, cut, sp->base + sp->size) && m->munmap(cut, extra, m->context) == 0) released = extra;
+    const size_t extra = ((ms->topsize - pad + (unit - 1)) / unit - 1) * unit;
+    Segment* head = &ms->seg;
+    if (extra != 0 && isMappedSegment(head) && !isExternSegment(head) && head->size >= extra) {
+      const size_t keptSize = head->size - extra;
+      char* cut = head->base + keptSize;
+      if (!recordIn(ms, cut, head->base + head->size) && ms->munmap(cut, extra, ms->context) == 0) released = extra;
     }
     if (released != 0) {
-      sp->size -= released;
-      m->footprint -= released;
-      initTop(m, m->top, m->topsize - released);
+      head->size -= released;
+      ms->footprint -= released;
+      initTop(ms, ms->top, ms->topsize - released);
     }
   }
-  released += releaseUnmappedSegments(m);
-  if (released == 0) m->trim_check = ~size_t{0};  // do not try again on every free
+  released += releaseUnmappedSegments(ms);
+  if (released == 0) ms->trim_check = ~size_t{0};  // do not try again on every free
   return released != 0;
 }
 
@@ -300,14 +301,14 @@ mspace create_mspace(unsigned long capacity, int /*locked*/) {
   ensureParams();
   const size_t page = gParams.page_size.load(std::memory_order_relaxed);
   if (capacity >= ~size_t{0} - kMspaceBaseOverhead - page) return nullptr;
-  const size_t rs = capacity == 0 ? granularity() : capacity + kMspaceBaseOverhead;
-  const size_t tsize = granularityAlign(rs);
-  if (tsize <= rs) return nullptr;
-  char* tbase = static_cast<char*>(default_mmap_func(tsize, nullptr));
-  if (mapFailed(tbase)) return nullptr;
-  State* m = initUserState(tbase, tsize);
-  m->seg.flags = kMappedSegment;
-  return m;
+  const size_t wanted = capacity == 0 ? granularity() : capacity + kMspaceBaseOverhead;
+  const size_t mappingSize = granularityAlign(wanted);
+  if (mappingSize <= wanted) return nullptr;
+  char* mapping = static_cast<char*>(default_mmap_func(mappingSize, nullptr));
+  if (mapFailed(mapping)) return nullptr;
+  State* ms = initUserState(mapping, mappingSize);
+  ms->seg.flags = kMappedSegment;
+  return ms;
 }
 
 mspace create_mspace_with_base(void* base, unsigned long capacity, int /*locked*/) {
@@ -315,20 +316,20 @@ mspace create_mspace_with_base(void* base, unsigned long capacity, int /*locked*
   const size_t page = gParams.page_size.load(std::memory_order_relaxed);
   if (base == nullptr || capacity <= kMspaceBaseOverhead || capacity >= ~size_t{0} - kMspaceBaseOverhead - page)
     return nullptr;
-  State* m = initUserState(static_cast<char*>(base), capacity);
-  if (m != nullptr) m->seg.flags = kExternSegment;
-  return m;
+  State* ms = initUserState(static_cast<char*>(base), capacity);
+  if (ms != nullptr) ms->seg.flags = kExternSegment;
+  return ms;
 }
 
 mspace create_mspace_with_base_ca(void* base, unsigned long capacity, int locked, mspace_mmap_func segment_mmap,
                                   mspace_mmap_func direct_mmap, mspace_sbrk_func sbrk, void* context) {
-  State* m = create_mspace_with_base(base, capacity, locked);
-  if (m == nullptr) return nullptr;
-  m->context = context;
-  if (segment_mmap != nullptr) m->segment_mmap = segment_mmap;
-  if (direct_mmap != nullptr) m->direct_mmap = direct_mmap;
-  if (sbrk != nullptr) m->sbrk = sbrk;
-  return m;
+  State* ms = create_mspace_with_base(base, capacity, locked);
+  if (ms == nullptr) return nullptr;
+  ms->context = context;
+  if (segment_mmap != nullptr) ms->segment_mmap = segment_mmap;
+  if (direct_mmap != nullptr) ms->direct_mmap = direct_mmap;
+  if (sbrk != nullptr) ms->sbrk = sbrk;
+  return ms;
 }
 
 unsigned long destroy_mspace(mspace msp) {
@@ -339,12 +340,13 @@ unsigned long destroy_mspace(mspace msp) {
   void* const context = msp->context;
   msp->magic = 0;
   size_t freed = 0;
-  Segment* sp = &msp->seg;
-  while (sp != nullptr) {
-    char* base = sp->base;
-    const size_t size = sp->size;
-    const unsigned flags = sp->flags;
-    sp = sp->next;
+  Segment* segment = &msp->seg;
+  while (segment != nullptr) {
+    // The record of every segment but the head lies in the segment itself.
+    char* base = segment->base;
+    const size_t size = segment->size;
+    const unsigned flags = segment->flags;
+    segment = segment->next;
     if ((flags & kMappedSegment) != 0 && (flags & kExternSegment) == 0 && unmap(base, size, context) == 0)
       freed += size;
   }
