@@ -14,19 +14,19 @@ struct Walk {
 };
 
 // Visits every chunk of every segment up to the top or the fenceposts.
-Walk walkFreeChunks(State* m) {
-  Walk w;
-  for (Segment* s = &m->seg; s != nullptr; s = s->next) {
-    Chunk* q = alignAsChunk(s->base);
-    while (segmentHolds(s, q) && q != m->top && q->head != kFencepostHead) {
-      if (!cinuse(q)) {
-        w.freeBytes += chunkSize(q);
-        ++w.freeChunks;
+Walk walkFreeChunks(State* ms) {
+  Walk walk;
+  for (Segment* segment = &ms->seg; segment != nullptr; segment = segment->next) {
+    Chunk* chunk = alignAsChunk(segment->base);
+    while (segmentHolds(segment, chunk) && chunk != ms->top && chunk->head != kFencepostHead) {
+      if (!cinuse(chunk)) {
+        walk.freeBytes += chunkSize(chunk);
+        ++walk.freeChunks;
       }
-      q = nextChunk(q);
+      chunk = nextChunk(chunk);
     }
   }
-  return w;
+  return walk;
 }
 
 }  // namespace
@@ -38,33 +38,33 @@ extern "C" {
 
 mspace_mallinfo_record mspace_mallinfo(mspace msp) {
   if (!okMagic(msp)) usageError();
-  mspace_mallinfo_record r{};
+  mspace_mallinfo_record info{};
   if (msp->top != nullptr) {
-    const Walk w = walkFreeChunks(msp);
-    const size_t mfree = msp->topsize + kTopFootSize + w.freeBytes;
-    r.arena = msp->footprint - msp->direct_bytes;
-    r.ordblks = w.freeChunks + 1;  // the top counts as one
-    r.hblkhd = msp->direct_bytes;
-    r.usmblks = msp->max_footprint;
-    r.uordblks = msp->footprint - mfree;
-    r.fordblks = mfree;
-    r.keepcost = msp->topsize;
+    const Walk walk = walkFreeChunks(msp);
+    const size_t freeBytes = msp->topsize + kTopFootSize + walk.freeBytes;
+    info.arena = msp->footprint - msp->direct_bytes;
+    info.ordblks = walk.freeChunks + 1;  // the top counts as one
+    info.hblkhd = msp->direct_bytes;
+    info.usmblks = msp->max_footprint;
+    info.uordblks = msp->footprint - freeBytes;
+    info.fordblks = freeBytes;
+    info.keepcost = msp->topsize;
   }
-  return r;
+  return info;
 }
 
 void mspace_malloc_stats(mspace msp) {
   if (!okMagic(msp)) usageError();
-  size_t maxfp = 0;
-  size_t fp = 0;
+  size_t maxFootprint = 0;
+  size_t footprint = 0;
   size_t used = 0;
   if (msp->top != nullptr) {
-    maxfp = msp->max_footprint;
-    fp = msp->footprint;
-    used = fp - (msp->topsize + kTopFootSize) - walkFreeChunks(msp).freeBytes;
+    maxFootprint = msp->max_footprint;
+    footprint = msp->footprint;
+    used = footprint - (msp->topsize + kTopFootSize) - walkFreeChunks(msp).freeBytes;
   }
-  std::fprintf(stderr, "max system bytes = %10lu\n", static_cast<unsigned long>(maxfp));
-  std::fprintf(stderr, "system bytes     = %10lu\n", static_cast<unsigned long>(fp));
+  std::fprintf(stderr, "max system bytes = %10lu\n", static_cast<unsigned long>(maxFootprint));
+  std::fprintf(stderr, "system bytes     = %10lu\n", static_cast<unsigned long>(footprint));
   std::fprintf(stderr, "in use bytes     = %10lu\n", static_cast<unsigned long>(used));
 }
 
@@ -75,19 +75,19 @@ unsigned long mspace_max_footprint(mspace /*msp*/) { usageError(); }
 
 int mspace_mallopt(int param, int value) {
   ensureParams();
-  const size_t val = static_cast<size_t>(static_cast<long>(value));  // -1 becomes all bits set
+  const size_t setting = static_cast<size_t>(static_cast<long>(value));  // -1 becomes all bits set
   switch (param) {
     case kMspaceTrimThreshold:
-      gParams.trim_threshold.store(val, std::memory_order_relaxed);
+      gParams.trim_threshold.store(setting, std::memory_order_relaxed);
       return 1;
     case kMspaceGranularity:
-      if (val >= gParams.page_size.load(std::memory_order_relaxed) && (val & (val - 1)) == 0) {
-        gParams.granularity.store(val, std::memory_order_relaxed);
+      if (setting >= gParams.page_size.load(std::memory_order_relaxed) && (setting & (setting - 1)) == 0) {
+        gParams.granularity.store(setting, std::memory_order_relaxed);
         return 1;
       }
       return 0;
     case kMspaceMmapThreshold:
-      gParams.mmap_threshold.store(val, std::memory_order_relaxed);
+      gParams.mmap_threshold.store(setting, std::memory_order_relaxed);
       return 1;
     default:
       return 0;
