@@ -155,9 +155,7 @@ inline size_t granularityAlign(size_t size) {
 void setNoMemory();  // errno = ENOMEM
 
 // Mapping functions report failure either way: null or all bits set.
-inline bool mapFailed(void* address) {
-  return address == nullptr || address == reinterpret_cast<void*>(~uintptr_t{0});
-}
+inline bool mapFailed(void* address) { return address == nullptr || address == reinterpret_cast<void*>(~uintptr_t{0}); }
 
 }  // namespace mspace_detail
 
@@ -302,9 +300,8 @@ inline bindex_t treeIndex(size_t size) {
 // Shift that brings the first size bit a trie of bin `index` routes by to
 // the top (every chunk of a bin shares the bits above it).
 inline unsigned leftShiftForTreeIndex(bindex_t index) {
-  return index == kTreeBins - 1
-             ? 0
-             : static_cast<unsigned>((sizeof(size_t) * 8 - 1) - ((index >> 1) + kTreeBinShift - 2));
+  return index == kTreeBins - 1 ? 0
+                                : static_cast<unsigned>((sizeof(size_t) * 8 - 1) - ((index >> 1) + kTreeBinShift - 2));
 }
 inline constexpr unsigned kTopBit = sizeof(size_t) * 8 - 1;
 

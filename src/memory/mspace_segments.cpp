@@ -26,7 +26,7 @@ void ensureParams() {
   static const bool initialised = [] {
     const size_t page = systemPageSize();
     if (page == 0 || (page & (page - 1)) != 0) std::abort();
-    size_t granule = 0x10000;  // 64 KiB
+    size_t granule = 0x10000;            // 64 KiB
     if (granule < page) granule = page;  // a granule is never smaller than a page
     gParams.page_size.store(page, std::memory_order_relaxed);
     gParams.granularity.store(granule, std::memory_order_relaxed);
