@@ -361,6 +361,16 @@ inline void replaceDv(State* ms, Chunk* chunk, size_t size) {
   ms->dv = chunk;
 }
 
+// Serves chunkBytes (< topsize) from the front of the top chunk.
+inline void* splitTop(State* ms, size_t chunkBytes) {
+  const size_t remainderSize = ms->topsize -= chunkBytes;
+  Chunk* chunk = ms->top;
+  Chunk* remainder = ms->top = plusOffset(chunk, chunkBytes);
+  remainder->head = remainderSize | kPinuse;
+  setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
+  return chunkToMem(chunk);
+}
+
 inline bool okMagic(const State* ms) { return ms != nullptr && ms->magic == kMagic; }
 // A cheap sanity check on a pointer handed to free or realloc: no chunk of
 // this mspace lies below its lowest segment or mapping.

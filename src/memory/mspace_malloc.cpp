@@ -122,16 +122,6 @@ inline void* splitDv(State* ms, size_t chunkBytes) {
   return chunkToMem(chunk);
 }
 
-// Serves chunkBytes (< topsize) from the front of the top chunk.
-inline void* splitTop(State* ms, size_t chunkBytes) {
-  const size_t remainderSize = ms->topsize -= chunkBytes;
-  Chunk* chunk = ms->top;
-  Chunk* remainder = ms->top = plusOffset(chunk, chunkBytes);
-  remainder->head = remainderSize | kPinuse;
-  setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
-  return chunkToMem(chunk);
-}
-
 // Splits chunk (of fullSize bytes, already unlinked) for a request of
 // chunkBytes; the remainder, if it can stand as a chunk, goes to the bins.
 inline void* splitAndBin(State* ms, Chunk* chunk, size_t fullSize, size_t chunkBytes) {
@@ -143,6 +133,21 @@ inline void* splitAndBin(State* ms, Chunk* chunk, size_t fullSize, size_t chunkB
     Chunk* remainder = plusOffset(chunk, chunkBytes);
     setSizeAndPinuseOfFreeChunk(remainder, remainderSize);
     insertChunk(ms, remainder, remainderSize);
+  }
+  return chunkToMem(chunk);
+}
+
+// Like splitAndBin, but the remainder replaces the designated victim: the
+// next small requests are served from it without a bin search.
+inline void* splitToDv(State* ms, Chunk* chunk, size_t fullSize, size_t chunkBytes) {
+  const size_t remainderSize = fullSize - chunkBytes;
+  if (remainderSize < kMinChunkSize) {
+    setInuseAndPinuse(chunk, fullSize);
+  } else {
+    setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
+    Chunk* remainder = plusOffset(chunk, chunkBytes);
+    setSizeAndPinuseOfFreeChunk(remainder, remainderSize);
+    replaceDv(ms, remainder, remainderSize);
   }
   return chunkToMem(chunk);
 }
@@ -163,15 +168,7 @@ void* tmallocSmall(State* ms, size_t chunkBytes) {
     }
   }
   unlinkLargeChunk(ms, best);
-  if (remainderSize < kMinChunkSize) {
-    setInuseAndPinuse(best, remainderSize + chunkBytes);
-  } else {
-    setSizeAndPinuseOfInuseChunk(best, chunkBytes);
-    Chunk* remainder = plusOffset(best, chunkBytes);
-    setSizeAndPinuseOfFreeChunk(remainder, remainderSize);
-    replaceDv(ms, remainder, remainderSize);
-  }
-  return chunkToMem(best);
+  return splitToDv(ms, best, remainderSize + chunkBytes, chunkBytes);
 }
 
 // Best fit among the tree bins for a large request, or null when the
@@ -240,16 +237,7 @@ void* tmallocLarge(State* ms, size_t chunkBytes) {
         Chunk* binHead = smallBinAt(ms, binIndex);
         Chunk* chunk = binHead->fd;
         unlinkFirstSmallChunk(ms, binHead, chunk, binIndex);
-        const size_t remainderSize = smallIndexToSize(binIndex) - chunkBytes;
-        if (remainderSize < kMinChunkSize) {
-          setInuseAndPinuse(chunk, smallIndexToSize(binIndex));
-        } else {
-          setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
-          Chunk* remainder = plusOffset(chunk, chunkBytes);
-          setSizeAndPinuseOfFreeChunk(remainder, remainderSize);
-          replaceDv(ms, remainder, remainderSize);
-        }
-        return chunkToMem(chunk);
+        return splitToDv(ms, chunk, smallIndexToSize(binIndex), chunkBytes);
       }
       if (ms->treemap != 0) return tmallocSmall(ms, chunkBytes);
     }

@@ -254,14 +254,7 @@ void* sysAlloc(State* ms, size_t chunkBytes) {
     addSegment(ms, mapping, mappingSize, kMappedSegment);
   }
 
-  if (chunkBytes < ms->topsize) {
-    const size_t remainderSize = ms->topsize -= chunkBytes;
-    Chunk* chunk = ms->top;
-    Chunk* remainder = ms->top = plusOffset(chunk, chunkBytes);
-    remainder->head = remainderSize | kPinuse;
-    setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
-    return chunkToMem(chunk);
-  }
+  if (chunkBytes < ms->topsize) return splitTop(ms, chunkBytes);
   setNoMemory();
   return nullptr;
 }
