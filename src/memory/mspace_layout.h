@@ -361,6 +361,18 @@ inline void replaceDv(State* ms, Chunk* chunk, size_t size) {
   ms->dv = chunk;
 }
 
+// Takes free chunk (of `size`) out of wherever it is kept: the designated
+// victim or its bin. Returns true if it was the designated victim.
+inline bool detachFreeChunk(State* ms, Chunk* chunk, size_t size) {
+  if (chunk == ms->dv) {
+    ms->dv = nullptr;
+    ms->dvsize = 0;
+    return true;
+  }
+  unlinkChunk(ms, chunk, size);
+  return false;
+}
+
 // Serves chunkBytes (< topsize) from the front of the top chunk.
 inline void* splitTop(State* ms, size_t chunkBytes) {
   const size_t remainderSize = ms->topsize -= chunkBytes;

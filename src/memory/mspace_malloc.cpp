@@ -122,24 +122,15 @@ inline void* splitDv(State* ms, size_t chunkBytes) {
   return chunkToMem(chunk);
 }
 
-// Splits chunk (of fullSize bytes, already unlinked) for a request of
-// chunkBytes; the remainder, if it can stand as a chunk, goes to the bins.
-inline void* splitAndBin(State* ms, Chunk* chunk, size_t fullSize, size_t chunkBytes) {
-  const size_t remainderSize = fullSize - chunkBytes;
-  if (remainderSize < kMinChunkSize) {
-    setInuseAndPinuse(chunk, fullSize);
-  } else {
-    setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
-    Chunk* remainder = plusOffset(chunk, chunkBytes);
-    setSizeAndPinuseOfFreeChunk(remainder, remainderSize);
-    insertChunk(ms, remainder, remainderSize);
-  }
-  return chunkToMem(chunk);
-}
+// Where the remainder of a split goes: to its bin, or in place of the
+// designated victim so that the next small requests are served from it
+// without a bin search.
+enum class RemainderTo { kBin, kDv };
 
-// Like splitAndBin, but the remainder replaces the designated victim: the
-// next small requests are served from it without a bin search.
-inline void* splitToDv(State* ms, Chunk* chunk, size_t fullSize, size_t chunkBytes) {
+// Splits chunk (of fullSize bytes, already unlinked) for a request of
+// chunkBytes; a remainder too small to stand as a chunk stays with it.
+template <RemainderTo kDestination>
+inline void* splitChunk(State* ms, Chunk* chunk, size_t fullSize, size_t chunkBytes) {
   const size_t remainderSize = fullSize - chunkBytes;
   if (remainderSize < kMinChunkSize) {
     setInuseAndPinuse(chunk, fullSize);
@@ -147,7 +138,10 @@ inline void* splitToDv(State* ms, Chunk* chunk, size_t fullSize, size_t chunkByt
     setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
     Chunk* remainder = plusOffset(chunk, chunkBytes);
     setSizeAndPinuseOfFreeChunk(remainder, remainderSize);
-    replaceDv(ms, remainder, remainderSize);
+    if constexpr (kDestination == RemainderTo::kDv)
+      replaceDv(ms, remainder, remainderSize);
+    else
+      insertChunk(ms, remainder, remainderSize);
   }
   return chunkToMem(chunk);
 }
@@ -168,7 +162,7 @@ void* tmallocSmall(State* ms, size_t chunkBytes) {
     }
   }
   unlinkLargeChunk(ms, best);
-  return splitToDv(ms, best, remainderSize + chunkBytes, chunkBytes);
+  return splitChunk<RemainderTo::kDv>(ms, best, remainderSize + chunkBytes, chunkBytes);
 }
 
 // Best fit among the tree bins for a large request, or null when the
@@ -215,7 +209,7 @@ void* tmallocLarge(State* ms, size_t chunkBytes) {
   }
   if (best == nullptr || remainderSize >= ms->dvsize - chunkBytes) return nullptr;
   unlinkLargeChunk(ms, best);
-  return splitAndBin(ms, best, remainderSize + chunkBytes, chunkBytes);
+  return splitChunk<RemainderTo::kBin>(ms, best, remainderSize + chunkBytes, chunkBytes);
 }
 
 // Everything but the fast cases of mallocFast (which always runs first): the
@@ -237,7 +231,7 @@ void* tmallocLarge(State* ms, size_t chunkBytes) {
         Chunk* binHead = smallBinAt(ms, binIndex);
         Chunk* chunk = binHead->fd;
         unlinkFirstSmallChunk(ms, binHead, chunk, binIndex);
-        return splitToDv(ms, chunk, smallIndexToSize(binIndex), chunkBytes);
+        return splitChunk<RemainderTo::kDv>(ms, chunk, smallIndexToSize(binIndex), chunkBytes);
       }
       if (ms->treemap != 0) return tmallocSmall(ms, chunkBytes);
     }

@@ -50,13 +50,7 @@ bool resizeInPlace(State* ms, Chunk* chunk, size_t chunkBytes) {
   const size_t nextSize = chunkSize(next);
   const size_t combinedSize = oldSize + nextSize;
   if (combinedSize < chunkBytes) return false;
-  const bool wasDv = next == ms->dv;
-  if (wasDv) {
-    ms->dv = nullptr;
-    ms->dvsize = 0;
-  } else {
-    unlinkChunk(ms, next, nextSize);
-  }
+  const bool wasDv = detachFreeChunk(ms, next, nextSize);
   const size_t remainderSize = combinedSize - chunkBytes;
   if (remainderSize < kMinChunkSize) {
     setInuse(chunk, combinedSize);

@@ -190,13 +190,7 @@ size_t releaseUnmappedSegments(State* ms) {
       Chunk* chunk = alignAsChunk(base);
       if (!cinuse(chunk) && nextChunk(chunk) == memToChunk(segment)) {
         const size_t chunkBytes = chunkSize(chunk);
-        const bool wasDv = chunk == ms->dv;
-        if (wasDv) {
-          ms->dv = nullptr;
-          ms->dvsize = 0;
-        } else {
-          unlinkChunk(ms, chunk, chunkBytes);
-        }
+        const bool wasDv = detachFreeChunk(ms, chunk, chunkBytes);
         if (ms->munmap(base, size, ms->context) == 0) {
           released += size;
           ms->footprint -= size;
