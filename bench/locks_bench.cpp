@@ -25,69 +25,65 @@
 namespace {
 
 struct KestrelSpinLock {
-    kestrel::SpinLock l{0};
-    void lock() { l.lock(kestrel::SpinLock::kForever); }
-    void unlock() { l.unlock(); }
+  kestrel::SpinLock l{0};
+  void lock() { l.lock(kestrel::SpinLock::kForever); }
+  void unlock() { l.unlock(); }
 };
 
 struct PthreadMutex {
-    pthread_mutex_t m;
-    PthreadMutex() { pthread_mutex_init(&m, nullptr); }
-    ~PthreadMutex() { pthread_mutex_destroy(&m); }
-    void lock() { pthread_mutex_lock(&m); }
-    void unlock() { pthread_mutex_unlock(&m); }
+  pthread_mutex_t m;
+  PthreadMutex() { pthread_mutex_init(&m, nullptr); }
+  ~PthreadMutex() { pthread_mutex_destroy(&m); }
+  void lock() { pthread_mutex_lock(&m); }
+  void unlock() { pthread_mutex_unlock(&m); }
 };
 
 struct PthreadRecursiveMutex {
-    pthread_mutex_t m;
-    PthreadRecursiveMutex()
-    {
-        pthread_mutexattr_t attr;
-        pthread_mutexattr_init(&attr);
-        pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-        pthread_mutex_init(&m, &attr);
-        pthread_mutexattr_destroy(&attr);
-    }
-    ~PthreadRecursiveMutex() { pthread_mutex_destroy(&m); }
-    void lock() { pthread_mutex_lock(&m); }
-    void unlock() { pthread_mutex_unlock(&m); }
+  pthread_mutex_t m;
+  PthreadRecursiveMutex() {
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&m, &attr);
+    pthread_mutexattr_destroy(&attr);
+  }
+  ~PthreadRecursiveMutex() { pthread_mutex_destroy(&m); }
+  void lock() { pthread_mutex_lock(&m); }
+  void unlock() { pthread_mutex_unlock(&m); }
 };
 
 template <class Lock>
-void uncontended(benchmark::State& state)
-{
-    Lock lock;
-    for (auto _ : state) {
-        lock.lock();
-        lock.unlock();
-    }
+void uncontended(benchmark::State& state) {
+  Lock lock;
+  for (auto _ : state) {
+    lock.lock();
+    lock.unlock();
+  }
 }
 
 // The owner takes the lock again while holding it.
 template <class Lock>
-void reentry(benchmark::State& state)
-{
-    Lock lock;
+void reentry(benchmark::State& state) {
+  Lock lock;
+  lock.lock();
+  for (auto _ : state) {
     lock.lock();
-    for (auto _ : state) {
-        lock.lock();
-        lock.unlock();
-    }
     lock.unlock();
+  }
+  lock.unlock();
 }
 
 // Two threads increment one counter under the lock.
 template <class Lock>
-void contended(benchmark::State& state)
-{
-    static Lock lock;
-    alignas(64) static long counter = 0;
-    for (auto _ : state) {
-        lock.lock();
-        ++counter;
-        lock.unlock();
-    }
-    benchmark::DoNotOptimize(counter);
+void contended(benchmark::State& state) {
+  static Lock lock;
+  alignas(64) static long counter = 0;
+  for (auto _ : state) {
+    lock.lock();
+    ++counter;
+    lock.unlock();
+  }
+  benchmark::DoNotOptimize(counter);
 }
 
 const char* const kSpinLock = "kestrel::SpinLock";
@@ -96,104 +92,102 @@ const char* const kRecursive = "std::recursive_mutex";
 const char* const kPthread = "pthread_mutex_t";
 const char* const kPthreadRecursive = "pthread_mutex_t (recursive)";
 
-void registerAll()
-{
-    using benchmark::RegisterBenchmark;
-    const auto name = [](const char* group, const char* lock) { return std::string(group) + "/" + lock; };
+void registerAll() {
+  using benchmark::RegisterBenchmark;
+  const auto name = [](const char* group, const char* lock) {
+    return std::string(group) + "/" + lock;
+  };
 
-    RegisterBenchmark(name("uncontended", kSpinLock).c_str(), uncontended<KestrelSpinLock>);
-    RegisterBenchmark(name("uncontended", kMutex).c_str(), uncontended<std::mutex>);
-    RegisterBenchmark(name("uncontended", kRecursive).c_str(), uncontended<std::recursive_mutex>);
-    RegisterBenchmark(name("uncontended", kPthread).c_str(), uncontended<PthreadMutex>);
+  RegisterBenchmark(name("uncontended", kSpinLock).c_str(), uncontended<KestrelSpinLock>);
+  RegisterBenchmark(name("uncontended", kMutex).c_str(), uncontended<std::mutex>);
+  RegisterBenchmark(name("uncontended", kRecursive).c_str(), uncontended<std::recursive_mutex>);
+  RegisterBenchmark(name("uncontended", kPthread).c_str(), uncontended<PthreadMutex>);
 
-    RegisterBenchmark(name("reentry", kSpinLock).c_str(), reentry<KestrelSpinLock>);
-    RegisterBenchmark(name("reentry", kRecursive).c_str(), reentry<std::recursive_mutex>);
-    RegisterBenchmark(name("reentry", kPthreadRecursive).c_str(), reentry<PthreadRecursiveMutex>);
+  RegisterBenchmark(name("reentry", kSpinLock).c_str(), reentry<KestrelSpinLock>);
+  RegisterBenchmark(name("reentry", kRecursive).c_str(), reentry<std::recursive_mutex>);
+  RegisterBenchmark(name("reentry", kPthreadRecursive).c_str(), reentry<PthreadRecursiveMutex>);
 
-    RegisterBenchmark(name("contended", kSpinLock).c_str(), contended<KestrelSpinLock>)->Threads(2)->UseRealTime();
-    RegisterBenchmark(name("contended", kMutex).c_str(), contended<std::mutex>)->Threads(2)->UseRealTime();
-    RegisterBenchmark(name("contended", kRecursive).c_str(), contended<std::recursive_mutex>)->Threads(2)->UseRealTime();
-    RegisterBenchmark(name("contended", kPthread).c_str(), contended<PthreadMutex>)->Threads(2)->UseRealTime();
+  RegisterBenchmark(name("contended", kSpinLock).c_str(), contended<KestrelSpinLock>)
+      ->Threads(2)
+      ->UseRealTime();
+  RegisterBenchmark(name("contended", kMutex).c_str(), contended<std::mutex>)
+      ->Threads(2)
+      ->UseRealTime();
+  RegisterBenchmark(name("contended", kRecursive).c_str(), contended<std::recursive_mutex>)
+      ->Threads(2)
+      ->UseRealTime();
+  RegisterBenchmark(name("contended", kPthread).c_str(), contended<PthreadMutex>)
+      ->Threads(2)
+      ->UseRealTime();
 }
 
 // Console output as usual, and the time per iteration of every run kept for
 // the summary: the median aggregate when there is one, otherwise the median
 // of the repetitions seen.
 class SummaryReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        for (const Run& run : runs) {
-            if (run.error_occurred)
-                continue;
-            const std::string key = run.run_name.function_name;
-            if (run.run_type == Run::RT_Aggregate) {
-                if (run.aggregate_name == "median")
-                    m_median[key] = nanoseconds(run);
-            } else {
-                m_samples[key].push_back(nanoseconds(run));
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.error_occurred) continue;
+      const std::string key = run.run_name.function_name;
+      if (run.run_type == Run::RT_Aggregate) {
+        if (run.aggregate_name == "median") m_median[key] = nanoseconds(run);
+      } else {
+        m_samples[key].push_back(nanoseconds(run));
+      }
     }
+    ConsoleReporter::ReportRuns(runs);
+  }
 
-    // Nanoseconds per iteration, or a negative value if the benchmark did
-    // not run (filtered out).
-    double time(const std::string& key) const
-    {
-        if (auto it = m_median.find(key); it != m_median.end())
-            return it->second;
-        auto it = m_samples.find(key);
-        if (it == m_samples.end() || it->second.empty())
-            return -1;
-        std::vector<double> v = it->second;
-        std::sort(v.begin(), v.end());
-        return v[v.size() / 2];
-    }
+  // Nanoseconds per iteration, or a negative value if the benchmark did
+  // not run (filtered out).
+  double time(const std::string& key) const {
+    if (auto it = m_median.find(key); it != m_median.end()) return it->second;
+    auto it = m_samples.find(key);
+    if (it == m_samples.end() || it->second.empty()) return -1;
+    std::vector<double> v = it->second;
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+  }
 
-private:
-    static double nanoseconds(const Run& run)
-    {
-        return run.GetAdjustedRealTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
-    }
+ private:
+  static double nanoseconds(const Run& run) {
+    return run.GetAdjustedRealTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
+  }
 
-    std::map<std::string, double> m_median;
-    std::map<std::string, std::vector<double>> m_samples;
+  std::map<std::string, double> m_median;
+  std::map<std::string, std::vector<double>> m_samples;
 };
 
-void printRatio(const SummaryReporter& r, const char* group, const char* peer, const char* target, double limit)
-{
-    const double mine = r.time(std::string(group) + "/" + kSpinLock);
-    const double theirs = r.time(std::string(group) + "/" + peer);
-    if (mine <= 0 || theirs <= 0)
-        return;
-    const double ratio = mine / theirs;
-    std::printf("  %-12s %-28s %8.2f ns vs %8.2f ns  ratio %5.2fx", group, peer, mine, theirs, ratio);
-    if (target)
-        std::printf("  (target %s: %s)", target, ratio <= limit ? "met" : "NOT met");
-    std::printf("\n");
+void printRatio(const SummaryReporter& r, const char* group, const char* peer, const char* target,
+                double limit) {
+  const double mine = r.time(std::string(group) + "/" + kSpinLock);
+  const double theirs = r.time(std::string(group) + "/" + peer);
+  if (mine <= 0 || theirs <= 0) return;
+  const double ratio = mine / theirs;
+  std::printf("  %-12s %-28s %8.2f ns vs %8.2f ns  ratio %5.2fx", group, peer, mine, theirs, ratio);
+  if (target) std::printf("  (target %s: %s)", target, ratio <= limit ? "met" : "NOT met");
+  std::printf("\n");
 }
 
 }  // namespace
 
-int main(int argc, char** argv)
-{
-    registerAll();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    SummaryReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+int main(int argc, char** argv) {
+  registerAll();
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  SummaryReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
 
-    std::printf("\nkestrel::SpinLock time / peer time (below 1: SpinLock is faster)\n");
-    printRatio(reporter, "uncontended", kRecursive, "<= 1.25x", 1.25);
-    printRatio(reporter, "uncontended", kMutex, nullptr, 0);
-    printRatio(reporter, "uncontended", kPthread, nullptr, 0);
-    printRatio(reporter, "reentry", kRecursive, "< 1.00x", 0.9999);
-    printRatio(reporter, "reentry", kPthreadRecursive, nullptr, 0);
-    printRatio(reporter, "contended", kRecursive, nullptr, 0);
-    printRatio(reporter, "contended", kMutex, nullptr, 0);
-    printRatio(reporter, "contended", kPthread, nullptr, 0);
-    return 0;
+  std::printf("\nkestrel::SpinLock time / peer time (below 1: SpinLock is faster)\n");
+  printRatio(reporter, "uncontended", kRecursive, "<= 1.25x", 1.25);
+  printRatio(reporter, "uncontended", kMutex, nullptr, 0);
+  printRatio(reporter, "uncontended", kPthread, nullptr, 0);
+  printRatio(reporter, "reentry", kRecursive, "< 1.00x", 0.9999);
+  printRatio(reporter, "reentry", kPthreadRecursive, nullptr, 0);
+  printRatio(reporter, "contended", kRecursive, nullptr, 0);
+  printRatio(reporter, "contended", kMutex, nullptr, 0);
+  printRatio(reporter, "contended", kPthread, nullptr, 0);
+  return 0;
 }

@@ -425,8 +425,8 @@ class KESTREL_EXPORT DoubleSetting : public TypedSetting<double> {
 // fromString().
 class KESTREL_EXPORT StringSetting : public TypedSetting<QString> {
  public:
-  StringSetting(SettingGroup& group, const QString& name, const QString& initial,
-                bool firstFlag, bool secondFlag);
+  StringSetting(SettingGroup& group, const QString& name, const QString& initial, bool firstFlag,
+                bool secondFlag);
   ~StringSetting() override;
   QString toLogString() const override;
   SettingType getType() const override;  // TypeString
@@ -478,8 +478,8 @@ class KESTREL_EXPORT IntPairSetting : public TypedSetting<std::pair<int, int>> {
 // with the application clock.
 class KESTREL_EXPORT TimeSetting : public IntPairSetting {
  public:
-  TimeSetting(SettingGroup& group, const QString& name, std::pair<int, int> initial,
-              bool firstFlag, bool secondFlag);
+  TimeSetting(SettingGroup& group, const QString& name, std::pair<int, int> initial, bool firstFlag,
+              bool secondFlag);
   ~TimeSetting() override;
   SettingType getType() const override;  // TypeTime
 };

@@ -74,132 +74,132 @@ class AsyncMessageBox;
 // lock needs its own unlock); other threads wait, up to a time limit.
 // Thread-safe; not copyable.
 class KESTREL_EXPORT SpinLock {
-public:
-    // Timeout meaning "wait without limit" (what -1 converts to).
-    static constexpr unsigned int kForever = 0xFFFFFFFFu;
+ public:
+  // Timeout meaning "wait without limit" (what -1 converts to).
+  static constexpr unsigned int kForever = 0xFFFFFFFFu;
 
-    // spinCount: how long a contended acquisition may spin before it sleeps.
-    // Honoured only as "spin a little" (an adaptive mutex) when it is not 0
-    // and the machine has more than one processor; every caller in the
-    // library passes 0. Construction never fails visibly.
-    explicit SpinLock(unsigned long spinCount = 0);
-    // Frees the lock. Does not check that it is free; destroying a lock that
-    // another thread holds or waits for is undefined.
-    ~SpinLock();
+  // spinCount: how long a contended acquisition may spin before it sleeps.
+  // Honoured only as "spin a little" (an adaptive mutex) when it is not 0
+  // and the machine has more than one processor; every caller in the
+  // library passes 0. Construction never fails visibly.
+  explicit SpinLock(unsigned long spinCount = 0);
+  // Frees the lock. Does not check that it is free; destroying a lock that
+  // another thread holds or waits for is undefined.
+  ~SpinLock();
 
-    SpinLock(const SpinLock&) = delete;
-    SpinLock& operator=(const SpinLock&) = delete;
+  SpinLock(const SpinLock&) = delete;
+  SpinLock& operator=(const SpinLock&) = delete;
 
-    // Acquires the lock. The owner re-enters at once (the count goes up, no
-    // system call). Otherwise waits up to timeoutMs milliseconds; kForever
-    // (pass -1) waits without limit, 0 does not wait. Returns 0 when held,
-    // -1 on timeout or error (the lock is then not held by the caller).
-    int lock(unsigned int timeoutMs = kForever);
+  // Acquires the lock. The owner re-enters at once (the count goes up, no
+  // system call). Otherwise waits up to timeoutMs milliseconds; kForever
+  // (pass -1) waits without limit, 0 does not wait. Returns 0 when held,
+  // -1 on timeout or error (the lock is then not held by the caller).
+  int lock(unsigned int timeoutMs = kForever);
 
-    // lock(0): 0 if acquired or already held by the caller, -1 otherwise.
-    int trylock();
+  // lock(0): 0 if acquired or already held by the caller, -1 otherwise.
+  int trylock();
 
-    // Releases one level. Returns -1 and changes nothing if the caller is not
-    // the recorded owner; otherwise 0. The last level clears the owner before
-    // the lock is released.
-    int unlock();
+  // Releases one level. Returns -1 and changes nothing if the caller is not
+  // the recorded owner; otherwise 0. The last level clears the owner before
+  // the lock is released.
+  int unlock();
 
-    // Records the calling thread as the owner without touching the count or
-    // the underlying mutex, and returns the caller's handle. Lets a thread
-    // that inherited a held lock (a hand-over between threads) release it.
-    // The hand-over itself must be synchronised by the caller. Taking over a
-    // free lock makes the next unlock() a no-op that returns 0.
-    ThreadHandle stealOwnership();
+  // Records the calling thread as the owner without touching the count or
+  // the underlying mutex, and returns the caller's handle. Lets a thread
+  // that inherited a held lock (a hand-over between threads) release it.
+  // The hand-over itself must be synchronised by the caller. Taking over a
+  // free lock makes the next unlock() a no-op that returns 0.
+  ThreadHandle stealOwnership();
 
-    // stealOwnership() then unlock(): releases one level of a lock that
-    // another thread holds. Returns unlock()'s result (0).
-    int forceUnlock();
+  // stealOwnership() then unlock(): releases one level of a lock that
+  // another thread holds. Returns unlock()'s result (0).
+  int forceUnlock();
 
-private:
-    friend class Conditional;
-    SpinLockData* d;
+ private:
+  friend class Conditional;
+  SpinLockData* d;
 };
 
 // Scoped holder: locks without limit on construction, unlocks on
 // destruction. The lock must outlive the holder.
 class CSMutex {
-public:
-    explicit CSMutex(SpinLock& lock) : m_lock(lock) { m_lock.lock(SpinLock::kForever); }
-    ~CSMutex() { m_lock.unlock(); }
+ public:
+  explicit CSMutex(SpinLock& lock) : m_lock(lock) { m_lock.lock(SpinLock::kForever); }
+  ~CSMutex() { m_lock.unlock(); }
 
-    CSMutex(const CSMutex&) = delete;
-    CSMutex& operator=(const CSMutex&) = delete;
+  CSMutex(const CSMutex&) = delete;
+  CSMutex& operator=(const CSMutex&) = delete;
 
-private:
-    SpinLock& m_lock;
+ private:
+  SpinLock& m_lock;
 };
 
 // A condition variable used with a SpinLock. All waiters of one Conditional
 // must use the same SpinLock. Thread-safe; not copyable.
 class KESTREL_EXPORT Conditional {
-public:
-    Conditional();
-    ~Conditional();
+ public:
+  Conditional();
+  ~Conditional();
 
-    Conditional(const Conditional&) = delete;
-    Conditional& operator=(const Conditional&) = delete;
+  Conditional(const Conditional&) = delete;
+  Conditional& operator=(const Conditional&) = delete;
 
-    // Releases lock, waits for signal() or broadcast() (or a spurious wake-up,
-    // so wait in a loop over the predicate), and holds lock again, with the
-    // same recursion count, when it returns. The caller must hold lock.
-    // Returns 0; -1 without waiting if the caller does not hold lock.
-    int wait(SpinLock& lock);
+  // Releases lock, waits for signal() or broadcast() (or a spurious wake-up,
+  // so wait in a loop over the predicate), and holds lock again, with the
+  // same recursion count, when it returns. The caller must hold lock.
+  // Returns 0; -1 without waiting if the caller does not hold lock.
+  int wait(SpinLock& lock);
 
-    // Like wait(), with a deadline of now (wall-clock) + timeoutMs. The
-    // deadline is computed as the 32-bit build did: now's microseconds plus
-    // timeoutMs x 1000 in signed 32-bit arithmetic, so a timeout above
-    // 2147483 ms (about 35 minutes) wraps and times out at once.
-    // Returns 0 when woken, -1 on timeout, error or if lock is not held by
-    // the caller; the lock is held again on return in every case but the
-    // last.
-    int timedwait(SpinLock& lock, unsigned long timeoutMs);
+  // Like wait(), with a deadline of now (wall-clock) + timeoutMs. The
+  // deadline is computed as the 32-bit build did: now's microseconds plus
+  // timeoutMs x 1000 in signed 32-bit arithmetic, so a timeout above
+  // 2147483 ms (about 35 minutes) wraps and times out at once.
+  // Returns 0 when woken, -1 on timeout, error or if lock is not held by
+  // the caller; the lock is held again on return in every case but the
+  // last.
+  int timedwait(SpinLock& lock, unsigned long timeoutMs);
 
-    // Wakes one waiter. Returns 0.
-    int signal();
+  // Wakes one waiter. Returns 0.
+  int signal();
 
-    // Wakes all waiters. Returns 0.
-    int broadcast();
+  // Wakes all waiters. Returns 0.
+  int broadcast();
 
-private:
-    ConditionalData* d;
+ private:
+  ConditionalData* d;
 };
 
 // A counting semaphore, value 0 .. kMaxCount. Thread-safe; not copyable.
 class KESTREL_EXPORT Semaphore {
-public:
-    static constexpr long kMaxCount = 2147483647;
+ public:
+  static constexpr long kMaxCount = 2147483647;
 
-    // initialCount is clamped to 0 .. kMaxCount.
-    explicit Semaphore(long initialCount = 0);
-    ~Semaphore();
+  // initialCount is clamped to 0 .. kMaxCount.
+  explicit Semaphore(long initialCount = 0);
+  ~Semaphore();
 
-    Semaphore(const Semaphore&) = delete;
-    Semaphore& operator=(const Semaphore&) = delete;
+  Semaphore(const Semaphore&) = delete;
+  Semaphore& operator=(const Semaphore&) = delete;
 
-    // Takes one unit, waiting without limit. 0 on success, -1 on error.
-    int wait();
+  // Takes one unit, waiting without limit. 0 on success, -1 on error.
+  int wait();
 
-    // One attempt without waiting: 0 if a unit was taken, -1 otherwise.
-    int trywait();
+  // One attempt without waiting: 0 if a unit was taken, -1 otherwise.
+  int trywait();
 
-    // Bounded polling: attempts < 0 waits without limit (like wait());
-    // otherwise makes `attempts` attempts, sleeping 1 ms after each failed
-    // one, and returns -1 after the last; 0 as soon as a unit is taken.
-    // Deliberate: trywait(0) makes no attempt at all and returns -1 at once,
-    // unlike trywait().
-    int trywait(long attempts);
+  // Bounded polling: attempts < 0 waits without limit (like wait());
+  // otherwise makes `attempts` attempts, sleeping 1 ms after each failed
+  // one, and returns -1 after the last; 0 as soon as a unit is taken.
+  // Deliberate: trywait(0) makes no attempt at all and returns -1 at once,
+  // unlike trywait().
+  int trywait(long attempts);
 
-    // Adds one unit, waking a waiter. 0 on success, -1 if the value is
-    // already kMaxCount (overflow) or on error.
-    int post();
+  // Adds one unit, waking a waiter. 0 on success, -1 if the value is
+  // already kMaxCount (overflow) or on error.
+  int post();
 
-private:
-    SemaphoreData* d;
+ private:
+  SemaphoreData* d;
 };
 
 // An N-party rendezvous: enter() blocks until `parties` threads have entered,
@@ -208,21 +208,21 @@ private:
 // wake-up of a party still asleep in the previous cycle. Thread-safe; not
 // copyable.
 class KESTREL_EXPORT Barrier {
-public:
-    // parties below 1 count as 1 (enter() returns at once).
-    explicit Barrier(int parties);
-    ~Barrier();
+ public:
+  // parties below 1 count as 1 (enter() returns at once).
+  explicit Barrier(int parties);
+  ~Barrier();
 
-    Barrier(const Barrier&) = delete;
-    Barrier& operator=(const Barrier&) = delete;
+  Barrier(const Barrier&) = delete;
+  Barrier& operator=(const Barrier&) = delete;
 
-    // Blocks until `parties` threads (this one included) have entered the
-    // current cycle. The last one to arrive never sleeps and releases the
-    // others with one wake-up each. Returns 0.
-    int enter();
+  // Blocks until `parties` threads (this one included) have entered the
+  // current cycle. The last one to arrive never sleeps and releases the
+  // others with one wake-up each. Returns 0.
+  int enter();
 
-private:
-    BarrierData* d;
+ private:
+  BarrierData* d;
 };
 
 // Atomically adds delta to *value and returns the value held before. Full
@@ -237,26 +237,26 @@ KESTREL_EXPORT long TestThenAdd(long volatile* value, long delta);
 // set-up). Created on first use from any thread: exactly one SpinLock is
 // created however many threads race for it. Recursive. All members static.
 class KESTREL_EXPORT GlobalLock {
-public:
-    // Creates the lock if it does not exist yet.
-    static void initGlobalLock();
-    // The lock, created if needed. Never null before shutdown().
-    static SpinLock* gGlobalLock();
-    // Locks without limit. 0 on success.
-    static int lock();
-    // 0 if acquired or already held by the caller, -1 otherwise.
-    static int trylock();
-    // Releases one level; -1 if the caller does not hold it.
-    static int unlock();
-    // Destroys the lock. Deliberate: the "created" flag stays set, so the
-    // lock is not created again and the operations above must not be used
-    // any more; call it only at the very end of the process.
-    static void shutdown();
+ public:
+  // Creates the lock if it does not exist yet.
+  static void initGlobalLock();
+  // The lock, created if needed. Never null before shutdown().
+  static SpinLock* gGlobalLock();
+  // Locks without limit. 0 on success.
+  static int lock();
+  // 0 if acquired or already held by the caller, -1 otherwise.
+  static int trylock();
+  // Releases one level; -1 if the caller does not hold it.
+  static int unlock();
+  // Destroys the lock. Deliberate: the "created" flag stays set, so the
+  // lock is not created again and the operations above must not be used
+  // any more; call it only at the very end of the process.
+  static void shutdown();
 
-private:
-    static std::atomic<SpinLock*> globalLock;
-    static std::atomic<int> globalLockInited;
-    static long volatile globalLockInterlock;
+ private:
+  static std::atomic<SpinLock*> globalLock;
+  static std::atomic<int> globalLockInited;
+  static long volatile globalLockInterlock;
 };
 
 // The lock a worker holds for the whole of a waiting call into the main
@@ -264,18 +264,18 @@ private:
 // waits for the main thread. Same members and behaviour as GlobalLock, with
 // a lock of its own.
 class KESTREL_EXPORT BlockMainLock {
-public:
-    static void initGlobalLock();
-    static SpinLock* gGlobalLock();
-    static int lock();
-    static int trylock();
-    static int unlock();
-    static void shutdown();
+ public:
+  static void initGlobalLock();
+  static SpinLock* gGlobalLock();
+  static int lock();
+  static int trylock();
+  static int unlock();
+  static void shutdown();
 
-private:
-    static std::atomic<SpinLock*> globalLock;
-    static std::atomic<int> globalLockInited;
-    static long volatile globalLockInterlock;
+ private:
+  static std::atomic<SpinLock*> globalLock;
+  static std::atomic<int> globalLockInited;
+  static long volatile globalLockInterlock;
 };
 
 // ---------------------------------------------------------------------------
@@ -285,9 +285,9 @@ private:
 // The work an AsyncThread crew runs. callback() runs on every worker of the
 // crew, possibly on all of them at once, without any lock held.
 class KESTREL_EXPORT AsyncThreadHandler {
-public:
-    virtual void callback() = 0;
-    virtual ~AsyncThreadHandler();
+ public:
+  virtual void callback() = 0;
+  virtual ~AsyncThreadHandler();
 };
 
 // A fixed crew of worker threads that run the handler's callback in cycles:
@@ -308,83 +308,83 @@ public:
 //   ...
 //   crew.exitThreads();
 class KESTREL_EXPORT AsyncThread {
-public:
-    // Per-worker record.
-    struct KESTREL_EXPORT ThreadInfo {
-        ThreadInfo();
-        AsyncThread* owner;     // the crew
-        ThreadHandle thread;    // 0 until started, and for a worker that
-                                // could not be started
-        Semaphore semaphore;    // the worker waits here for work
-        unsigned long pending;  // announced work units, 0 .. 2; guarded by
-                                // the crew's lock (read it with pending())
-    };
+ public:
+  // Per-worker record.
+  struct KESTREL_EXPORT ThreadInfo {
+    ThreadInfo();
+    AsyncThread* owner;     // the crew
+    ThreadHandle thread;    // 0 until started, and for a worker that
+                            // could not be started
+    Semaphore semaphore;    // the worker waits here for work
+    unsigned long pending;  // announced work units, 0 .. 2; guarded by
+                            // the crew's lock (read it with pending())
+  };
 
-    // Status word returned by a second startThreads().
-    static constexpr unsigned int kAlreadyStarted = 0xC0000002u;
-    // Default of waitAttempts(): wait for ready() without limit.
-    static constexpr int kDefaultWaitAttempts = -1;
+  // Status word returned by a second startThreads().
+  static constexpr unsigned int kAlreadyStarted = 0xC0000002u;
+  // Default of waitAttempts(): wait for ready() without limit.
+  static constexpr int kDefaultWaitAttempts = -1;
 
-    // handler is not owned and must outlive the crew. No thread starts yet.
-    AsyncThread(AsyncThreadHandler* handler, unsigned long threadCount);
-    // Frees the records. Does not stop workers: exitThreads() must have been
-    // called if startThreads() was.
-    ~AsyncThread();
+  // handler is not owned and must outlive the crew. No thread starts yet.
+  AsyncThread(AsyncThreadHandler* handler, unsigned long threadCount);
+  // Frees the records. Does not stop workers: exitThreads() must have been
+  // called if startThreads() was.
+  ~AsyncThread();
 
-    AsyncThread(const AsyncThread&) = delete;
-    AsyncThread& operator=(const AsyncThread&) = delete;
+  AsyncThread(const AsyncThread&) = delete;
+  AsyncThread& operator=(const AsyncThread&) = delete;
 
-    // Number of one-millisecond polls a waiting worker makes for announced
-    // work before running the callback anyway; negative waits for ready()
-    // without limit (the default, kDefaultWaitAttempts). Set it before
-    // startThreads(); it is read under the crew's lock.
-    void setWaitAttempts(int attempts);
-    int waitAttempts() const;
+  // Number of one-millisecond polls a waiting worker makes for announced
+  // work before running the callback anyway; negative waits for ready()
+  // without limit (the default, kDefaultWaitAttempts). Set it before
+  // startThreads(); it is read under the crew's lock.
+  void setWaitAttempts(int attempts);
+  int waitAttempts() const;
 
-    // Starts the workers and returns once every started worker is running.
-    // Each worker then waits for ready() (or waitAttempts() ms) before its
-    // first callback. Returns 0; kAlreadyStarted (0xC0000002) if called
-    // before, changing nothing. A worker whose thread cannot be created is
-    // left out: its record keeps thread 0 and the crew runs with the others
-    // (the call still returns 0 and never waits for a missing worker).
-    unsigned int startThreads();
+  // Starts the workers and returns once every started worker is running.
+  // Each worker then waits for ready() (or waitAttempts() ms) before its
+  // first callback. Returns 0; kAlreadyStarted (0xC0000002) if called
+  // before, changing nothing. A worker whose thread cannot be created is
+  // left out: its record keeps thread 0 and the crew runs with the others
+  // (the call still returns 0 and never waits for a missing worker).
+  unsigned int startThreads();
 
-    // Announces one unit of work to every worker. At most two units are kept
-    // per worker; a waiting worker is woken by one post. Does nothing before
-    // startThreads(). Thread-safe.
-    void ready();
+  // Announces one unit of work to every worker. At most two units are kept
+  // per worker; a waiting worker is woken by one post. Does nothing before
+  // startThreads(). Thread-safe.
+  void ready();
 
-    // Stops every worker and waits until all have left their loops (polling
-    // every 10 ms), then joins their threads. Returns 0, also at once when
-    // never started or already stopped. A crew is started at most once, so
-    // after this the object can only be destroyed. Must not be called from
-    // the handler's callback.
-    int exitThreads();
+  // Stops every worker and waits until all have left their loops (polling
+  // every 10 ms), then joins their threads. Returns 0, also at once when
+  // never started or already stopped. A crew is started at most once, so
+  // after this the object can only be destroyed. Must not be called from
+  // the handler's callback.
+  int exitThreads();
 
-    // The crew's rendezvous: counts the caller as one arrival in the current
-    // cycle and blocks until the cycle is complete, which is when an arrival
-    // finds at least `parties` arrivals counted. Returns 0. The workers meet
-    // here with the number of running workers as parties (startThreads() with
-    // that number plus one); an outside caller takes the place of a worker
-    // in the count, so it is meant for the crew itself.
-    int syncThreads(unsigned long parties);
+  // The crew's rendezvous: counts the caller as one arrival in the current
+  // cycle and blocks until the cycle is complete, which is when an arrival
+  // finds at least `parties` arrivals counted. Returns 0. The workers meet
+  // here with the number of running workers as parties (startThreads() with
+  // that number plus one); an outside caller takes the place of a worker
+  // in the count, so it is meant for the crew itself.
+  int syncThreads(unsigned long parties);
 
-    // Number of workers the crew was built with.
-    unsigned long threadCount() const;
-    // The record of worker `index` (< threadCount()).
-    ThreadInfo& threadInfo(unsigned long index);
-    // Announced work units of worker `index`, read under the crew's lock.
-    unsigned long pending(unsigned long index) const;
-    // Number of workers currently inside their thread function.
-    long running() const;
+  // Number of workers the crew was built with.
+  unsigned long threadCount() const;
+  // The record of worker `index` (< threadCount()).
+  ThreadInfo& threadInfo(unsigned long index);
+  // Announced work units of worker `index`, read under the crew's lock.
+  unsigned long pending(unsigned long index) const;
+  // Number of workers currently inside their thread function.
+  long running() const;
 
-private:
-    static void* asyncFunc(void* info);
-    void asyncHandler(ThreadInfo* info);
-    int arriveLocked(unsigned long parties);
-    void leaveLocked();
+ private:
+  static void* asyncFunc(void* info);
+  void asyncHandler(ThreadInfo* info);
+  int arriveLocked(unsigned long parties);
+  void leaveLocked();
 
-    AsyncThreadData* d;
+  AsyncThreadData* d;
 };
 
 // ---------------------------------------------------------------------------
@@ -393,93 +393,93 @@ private:
 
 // A Qt custom event (type QEvent::User and above) that can carry a pointer.
 class KESTREL_EXPORT CustomEvent : public QEvent {
-public:
-    explicit CustomEvent(int type, void* data = nullptr);
-    ~CustomEvent() override;
+ public:
+  explicit CustomEvent(int type, void* data = nullptr);
+  ~CustomEvent() override;
 
-    void* data() const { return m_data; }
-    void setData(void* data) { m_data = data; }
+  void* data() const { return m_data; }
+  void setData(void* data) { m_data = data; }
 
-private:
-    void* m_data;
+ private:
+  void* m_data;
 };
 
 // A one-shot or repeating timer. Subclasses implement timeout(). It runs on
 // the thread that owns the object, which must run a Qt event loop.
 class KESTREL_EXPORT Timer : public QObject {
-    Q_OBJECT
+  Q_OBJECT
 
-public:
-    // A unit of work for the main thread. Subclasses implement run(). A
-    // method may be destroyed at any time before its call is delivered (the
-    // call is then dropped); it must not be destroyed while run() executes on
-    // the main thread. Copies are not linked to any pending call.
-    class KESTREL_EXPORT SyncMethod {
-    public:
-        SyncMethod();
-        SyncMethod(const SyncMethod& other);
-        SyncMethod& operator=(const SyncMethod& other);
-        // Detaches from a pending call, which is then not run.
-        virtual ~SyncMethod();
+ public:
+  // A unit of work for the main thread. Subclasses implement run(). A
+  // method may be destroyed at any time before its call is delivered (the
+  // call is then dropped); it must not be destroyed while run() executes on
+  // the main thread. Copies are not linked to any pending call.
+  class KESTREL_EXPORT SyncMethod {
+   public:
+    SyncMethod();
+    SyncMethod(const SyncMethod& other);
+    SyncMethod& operator=(const SyncMethod& other);
+    // Detaches from a pending call, which is then not run.
+    virtual ~SyncMethod();
 
-        // The work; its result is returned by execute() on the main thread.
-        virtual int run() = 0;
+    // The work; its result is returned by execute() on the main thread.
+    virtual int run() = 0;
 
-    private:
-        friend class SyncMethodEvent;
-        // The newest pending call carrying this method (older ones chain
-        // through SyncMethodEvent::nextForMethod); null when none.
-        SyncMethodEvent* event;
-    };
+   private:
+    friend class SyncMethodEvent;
+    // The newest pending call carrying this method (older ones chain
+    // through SyncMethodEvent::nextForMethod); null when none.
+    SyncMethodEvent* event;
+  };
 
-    Timer();
-    ~Timer() override;
+  Timer();
+  ~Timer() override;
 
-    // Stops the timer (through the virtual stop()), then starts a Qt timer
-    // with the interval; a single-shot timer fires once. An interval the
-    // event loop refuses (above 2147483647 ms, or no event loop in this
-    // thread) leaves the timer inactive.
-    virtual void start(unsigned int milliseconds, bool singleShot);
-    // Stops the timer if it runs.
-    virtual void stop();
-    // True while the timer runs.
-    virtual bool isActive() const;
+  // Stops the timer (through the virtual stop()), then starts a Qt timer
+  // with the interval; a single-shot timer fires once. An interval the
+  // event loop refuses (above 2147483647 ms, or no event loop in this
+  // thread) leaves the timer inactive.
+  virtual void start(unsigned int milliseconds, bool singleShot);
+  // Stops the timer if it runs.
+  virtual void stop();
+  // True while the timer runs.
+  virtual bool isActive() const;
 
-    // The timer fired. A single-shot timer is already inactive when this is
-    // called, so timeout() may restart it.
-    virtual void timeout() = 0;
+  // The timer fired. A single-shot timer is already inactive when this is
+  // called, so timeout() may restart it.
+  virtual void timeout() = 0;
 
-    // Runs method on the main thread.
-    // - On the main thread (System::isMainThread()): runs it at once and
-    //   returns run()'s result; nothing is posted.
-    // - Elsewhere with wait: posts it and blocks until the main thread has
-    //   run it; returns 0. Only one thread at a time can wait for the main
-    //   thread (BlockMainLock): if another waiting call is in progress, this
-    //   one is dropped: nothing is posted, the method is not run, and -1 is
-    //   returned. Returns -1 too if the call was discarded unrun (the
-    //   application was destroyed first).
-    // - Elsewhere without wait: posts it like executeAsync() and returns 0.
-    // A waiting call blocks until the main thread processes events; a main
-    // thread that instead waits for the caller deadlocks with it.
-    // Without an application object (QCoreApplication) a call from another
-    // thread cannot be delivered: it returns -1 at once and does not run the
-    // method. A waiting call made on the application's own thread when that
-    // thread is not marked as the main thread runs the method at once like
-    // the main thread (it could never be delivered while the thread blocks).
-    static int execute(SyncMethod& method, bool wait);
+  // Runs method on the main thread.
+  // - On the main thread (System::isMainThread()): runs it at once and
+  //   returns run()'s result; nothing is posted.
+  // - Elsewhere with wait: posts it and blocks until the main thread has
+  //   run it; returns 0. Only one thread at a time can wait for the main
+  //   thread (BlockMainLock): if another waiting call is in progress, this
+  //   one is dropped: nothing is posted, the method is not run, and -1 is
+  //   returned. Returns -1 too if the call was discarded unrun (the
+  //   application was destroyed first).
+  // - Elsewhere without wait: posts it like executeAsync() and returns 0.
+  // A waiting call blocks until the main thread processes events; a main
+  // thread that instead waits for the caller deadlocks with it.
+  // Without an application object (QCoreApplication) a call from another
+  // thread cannot be delivered: it returns -1 at once and does not run the
+  // method. A waiting call made on the application's own thread when that
+  // thread is not marked as the main thread runs the method at once like
+  // the main thread (it could never be delivered while the thread blocks).
+  static int execute(SyncMethod& method, bool wait);
 
-    // Posts method for the main thread and returns at once, from any thread
-    // (the main thread included: the call runs when events are next
-    // processed). Calls run in posting order. Returns 0 once posted, -1
-    // without an application object.
-    static int executeAsync(SyncMethod& method);
+  // Posts method for the main thread and returns at once, from any thread
+  // (the main thread included: the call runs when events are next
+  // processed). Calls run in posting order. Returns 0 once posted, -1
+  // without an application object.
+  static int executeAsync(SyncMethod& method);
 
-protected:
-    void timerEvent(QTimerEvent* event) override;
+ protected:
+  void timerEvent(QTimerEvent* event) override;
 
-private:
-    int timerId;
-    int singleShot;
+ private:
+  int timerId;
+  int singleShot;
 };
 
 // Carries one Timer::SyncMethod to the main thread: a QObject living on the
@@ -489,51 +489,51 @@ private:
 // asynchronous one deletes itself after delivery (or when Qt discards its
 // event undelivered).
 class KESTREL_EXPORT SyncMethodEvent : public QObject {
-    Q_OBJECT
+  Q_OBJECT
 
-public:
-    // Type of SyncCustomEvent: QEvent::User + 1.
-    static constexpr int kEventType = 1001;
+ public:
+  // Type of SyncCustomEvent: QEvent::User + 1.
+  static constexpr int kEventType = 1001;
 
-    // The event posted to a SyncMethodEvent.
-    class KESTREL_EXPORT SyncCustomEvent : public CustomEvent {
-    public:
-        explicit SyncCustomEvent(SyncMethodEvent* target);
-        // If Qt discards the event undelivered, its call is released
-        // (a waiting caller returns -1; an asynchronous call is freed).
-        ~SyncCustomEvent() override;
-        SyncMethodEvent* target() const;
+  // The event posted to a SyncMethodEvent.
+  class KESTREL_EXPORT SyncCustomEvent : public CustomEvent {
+   public:
+    explicit SyncCustomEvent(SyncMethodEvent* target);
+    // If Qt discards the event undelivered, its call is released
+    // (a waiting caller returns -1; an asynchronous call is freed).
+    ~SyncCustomEvent() override;
+    SyncMethodEvent* target() const;
 
-    private:
-        friend class SyncMethodEvent;
-        SyncMethodEvent* m_target;  // guarded by the call lock
-    };
+   private:
+    friend class SyncMethodEvent;
+    SyncMethodEvent* m_target;  // guarded by the call lock
+  };
 
-protected:
-    void customEvent(QEvent* event) override;
+ protected:
+  void customEvent(QEvent* event) override;
 
-private:
-    friend class Timer;
-    friend class Timer::SyncMethod;
-    friend class AsyncMessageBox;
+ private:
+  friend class Timer;
+  friend class Timer::SyncMethod;
+  friend class AsyncMessageBox;
 
-    // Links the call to method; ownsMethod: the call deletes the method when
-    // it is itself deleted.
-    SyncMethodEvent(Timer::SyncMethod& method, bool wait, bool ownsMethod = false);
-    ~SyncMethodEvent() override;
+  // Links the call to method; ownsMethod: the call deletes the method when
+  // it is itself deleted.
+  SyncMethodEvent(Timer::SyncMethod& method, bool wait, bool ownsMethod = false);
+  ~SyncMethodEvent() override;
 
-    // Posts the event. Asynchronous: returns 0, and this object may be gone
-    // on return. Waiting: blocks until the main thread has handled the call;
-    // 0 if the method ran, -1 if the call was discarded unrun.
-    int post();
-    void unlinkMethod();
+  // Posts the event. Asynchronous: returns 0, and this object may be gone
+  // on return. Waiting: blocks until the main thread has handled the call;
+  // 0 if the method ran, -1 if the call was discarded unrun.
+  int post();
+  void unlinkMethod();
 
-    Semaphore* done;                  // present only for a waiting call
-    SyncCustomEvent* event;           // the event until delivered/discarded
-    Timer::SyncMethod* method;        // null once the method has gone away
-    SyncMethodEvent* nextForMethod;   // older pending call of the same method
-    bool ownsMethod;
-    bool ran;                         // the method was run
+  Semaphore* done;                 // present only for a waiting call
+  SyncCustomEvent* event;          // the event until delivered/discarded
+  Timer::SyncMethod* method;       // null once the method has gone away
+  SyncMethodEvent* nextForMethod;  // older pending call of the same method
+  bool ownsMethod;
+  bool ran;  // the method was run
 };
 
 }  // namespace kestrel

@@ -32,18 +32,20 @@ IntHistogram::IntHistogram(int minValue, int maxValue, int binCount)
   mBins->maxValue = maxValue;
   // In 64 bits: maxValue - minValue may not fit an int.
   mBins->width =
-      binCount > 0
-          ? static_cast<int>((static_cast<long long>(maxValue) - minValue) / binCount)
-          : 0;
+      binCount > 0 ? static_cast<int>((static_cast<long long>(maxValue) - minValue) / binCount) : 0;
 }
 
 IntHistogram::IntHistogram(const IntHistogram&) = default;
 IntHistogram& IntHistogram::operator=(const IntHistogram&) = default;
 IntHistogram::~IntHistogram() = default;
 
-int IntHistogram::getMinValue() const { return mBins ? mBins->minValue : 0; }
+int IntHistogram::getMinValue() const {
+  return mBins ? mBins->minValue : 0;
+}
 
-int IntHistogram::getMaxValue() const { return mBins ? mBins->maxValue : 0; }
+int IntHistogram::getMaxValue() const {
+  return mBins ? mBins->maxValue : 0;
+}
 
 int IntHistogram::getBinCount() const {
   if (!mBins || mBins->counts.size() < 2) return 0;
@@ -57,9 +59,13 @@ int IntHistogram::getSampleCount(int bin) const {
   return static_cast<int>(mBins->counts[static_cast<std::size_t>(bin)]);
 }
 
-int IntHistogram::getOverflowSampleCount() const { return getSampleCount(getBinCount()); }
+int IntHistogram::getOverflowSampleCount() const {
+  return getSampleCount(getBinCount());
+}
 
-int IntHistogram::getUnderflowSampleCount() const { return getSampleCount(getBinCount() + 1); }
+int IntHistogram::getUnderflowSampleCount() const {
+  return getSampleCount(getBinCount() + 1);
+}
 
 void IntHistogram::addIntSample(int value) {
   if (!mBins || mBins->counts.size() <= 2) return;
@@ -98,11 +104,12 @@ void IntHistogram::updateMaxSample(int value) {
 }
 
 IntHistogramSetting::IntHistogramSetting(SettingGroup& group, const QString& name,
-                                         IntHistogram& histogram, bool firstFlag,
-                                         bool secondFlag)
+                                         IntHistogram& histogram, bool firstFlag, bool secondFlag)
     : Setting(group, name, firstFlag, secondFlag), mHistogram(&histogram) {}
 
-IntHistogramSetting::~IntHistogramSetting() { notifyPreDelete(); }
+IntHistogramSetting::~IntHistogramSetting() {
+  notifyPreDelete();
+}
 
 // The three sample operations notify every time without comparing states,
 // and restore frames do not record them.
@@ -152,14 +159,20 @@ QString IntHistogramSetting::toLogString() const {
   return log;
 }
 
-double IntHistogramSetting::getVal() const { return 0.0; }
+double IntHistogramSetting::getVal() const {
+  return 0.0;
+}
 
 void IntHistogramSetting::setVal(double) {}
 
-SettingType IntHistogramSetting::getType() const { return TypeIntHistogram; }
+SettingType IntHistogramSetting::getType() const {
+  return TypeIntHistogram;
+}
 
 void IntHistogramSetting::pushSetting() {}
 
-bool IntHistogramSetting::popSetting() { return false; }
+bool IntHistogramSetting::popSetting() {
+  return false;
+}
 
 }  // namespace kestrel

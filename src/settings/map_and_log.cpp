@@ -48,6 +48,8 @@ bool MapAndLog::get(int key, int& value) const {
   return true;
 }
 
-bool MapAndLog::hasKey(int key) const { return mEntries.find(key) != mEntries.end(); }
+bool MapAndLog::hasKey(int key) const {
+  return mEntries.find(key) != mEntries.end();
+}
 
 }  // namespace kestrel

@@ -83,9 +83,13 @@ using detail::RegistryAccess;
 
 // ---------------------------------------------------------------- observers
 
-Observer::~Observer() { RegistryAccess::unlink(*this); }
+Observer::~Observer() {
+  RegistryAccess::unlink(*this);
+}
 
-void Observer::detach() { RegistryAccess::unlink(*this); }
+void Observer::detach() {
+  RegistryAccess::unlink(*this);
+}
 
 SettingObserver::SettingObserver(Setting& setting) : SettingObserver(&setting) {}
 
@@ -245,9 +249,13 @@ SettingGroup::~SettingGroup() {
   RegistryAccess::detachAll(&mObservers);
 }
 
-const QString& SettingGroup::getName() const { return mName; }
+const QString& SettingGroup::getName() const {
+  return mName;
+}
 
-int SettingGroup::getSettingCount() const { return static_cast<int>(mSettings.size()); }
+int SettingGroup::getSettingCount() const {
+  return static_cast<int>(mSettings.size());
+}
 
 Setting* SettingGroup::getSetting(int index) const {
   if (index < 0 || index >= getSettingCount()) {
@@ -270,7 +278,9 @@ SettingGroup* SettingGroup::getGroup(const QString& name) {
   return nullptr;
 }
 
-int SettingGroup::getGroupCount() { return gGroupCount; }
+int SettingGroup::getGroupCount() {
+  return gGroupCount;
+}
 
 SettingGroup* SettingGroup::getGroup(int index) {
   if (index < 0) return nullptr;

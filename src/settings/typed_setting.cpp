@@ -18,15 +18,14 @@ static_assert(std::numeric_limits<float>::is_iec559,
 namespace {
 
 template <typename T>
-constexpr bool kIsNumber =
-    std::is_same_v<T, bool> || std::is_same_v<T, int> || std::is_same_v<T, float> ||
-    std::is_same_v<T, double>;
+constexpr bool kIsNumber = std::is_same_v<T, bool> || std::is_same_v<T, int> ||
+                           std::is_same_v<T, float> || std::is_same_v<T, double>;
 
 }  // namespace
 
 template <typename T>
-TypedSetting<T>::TypedSetting(SettingGroup& group, const QString& name, T initial,
-                              bool firstFlag, bool secondFlag)
+TypedSetting<T>::TypedSetting(SettingGroup& group, const QString& name, T initial, bool firstFlag,
+                              bool secondFlag)
     : Setting(group, name, firstFlag, secondFlag), mValue(std::move(initial)) {}
 
 template <typename T>

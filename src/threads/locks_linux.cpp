@@ -9,35 +9,34 @@
 
 #include "deadline.h"
 
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/time.h>
+#include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <climits>
 #include <ctime>
-#include <pthread.h>
-#include <semaphore.h>
-#include <sys/time.h>
 #include <type_traits>
-#include <unistd.h>
 
 namespace kestrel {
 
-static_assert(std::is_same_v<pthread_t, ThreadHandle>,
-              "ThreadHandle must hold a pthread_t whole");
+static_assert(std::is_same_v<pthread_t, ThreadHandle>, "ThreadHandle must hold a pthread_t whole");
 static_assert(SEM_VALUE_MAX == Semaphore::kMaxCount, "semaphore maximum");
 
 struct SpinLockData {
-    pthread_mutex_t region;  // first, as the condition variable waits on it
-    std::atomic<int> count{0};
-    unsigned int spinCount = 0;
-    std::atomic<pthread_t> owner{0};
+  pthread_mutex_t region;  // first, as the condition variable waits on it
+  std::atomic<int> count{0};
+  unsigned int spinCount = 0;
+  std::atomic<pthread_t> owner{0};
 };
 
 struct ConditionalData {
-    pthread_cond_t cond;
+  pthread_cond_t cond;
 };
 
 struct SemaphoreData {
-    sem_t sem;
+  sem_t sem;
 };
 
 namespace {
@@ -50,35 +49,31 @@ namespace {
 thread_local pthread_t tSelf __attribute__((tls_model("initial-exec"))) = 0;
 
 // Fills the cache; the callers' first use on a thread goes through here.
-[[gnu::noinline, gnu::cold]] pthread_t fillCurrentThread()
-{
-    return tSelf = pthread_self();
+[[gnu::noinline, gnu::cold]] pthread_t fillCurrentThread() {
+  return tSelf = pthread_self();
 }
 
-inline pthread_t currentThread()
-{
-    const pthread_t self = tSelf;
-    return __builtin_expect(self != 0, 1) ? self : fillCurrentThread();
+inline pthread_t currentThread() {
+  const pthread_t self = tSelf;
+  return __builtin_expect(self != 0, 1) ? self : fillCurrentThread();
 }
 
-bool multiProcessor()
-{
-    static const bool many = sysconf(_SC_NPROCESSORS_ONLN) > 1;
-    return many;
+bool multiProcessor() {
+  static const bool many = sysconf(_SC_NPROCESSORS_ONLN) > 1;
+  return many;
 }
 
 // Absolute CLOCK_REALTIME time timeoutMs from now, for pthread_mutex_timedlock.
-timespec realtimeIn(unsigned int timeoutMs)
-{
-    timespec t;
-    clock_gettime(CLOCK_REALTIME, &t);
-    t.tv_sec += static_cast<time_t>(timeoutMs / 1000);
-    t.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
-    if (t.tv_nsec >= 1000000000L) {
-        t.tv_nsec -= 1000000000L;
-        t.tv_sec += 1;
-    }
-    return t;
+timespec realtimeIn(unsigned int timeoutMs) {
+  timespec t;
+  clock_gettime(CLOCK_REALTIME, &t);
+  t.tv_sec += static_cast<time_t>(timeoutMs / 1000);
+  t.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
+  if (t.tv_nsec >= 1000000000L) {
+    t.tv_nsec -= 1000000000L;
+    t.tv_sec += 1;
+  }
+  return t;
 }
 
 }  // namespace
@@ -87,25 +82,22 @@ timespec realtimeIn(unsigned int timeoutMs)
 // SpinLock
 // ---------------------------------------------------------------------------
 
-SpinLock::SpinLock(unsigned long spinCount) : d(new SpinLockData)
-{
-    d->spinCount = multiProcessor() ? static_cast<unsigned int>(spinCount) : 0;
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    // Deliberate: a non-zero spin count is honoured by letting the mutex spin
-    // briefly before it sleeps; otherwise it is the plain default mutex.
-    if (d->spinCount != 0)
-        pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ADAPTIVE_NP);
-    pthread_mutex_init(&d->region, &attr);
-    pthread_mutexattr_destroy(&attr);
+SpinLock::SpinLock(unsigned long spinCount) : d(new SpinLockData) {
+  d->spinCount = multiProcessor() ? static_cast<unsigned int>(spinCount) : 0;
+  pthread_mutexattr_t attr;
+  pthread_mutexattr_init(&attr);
+  // Deliberate: a non-zero spin count is honoured by letting the mutex spin
+  // briefly before it sleeps; otherwise it is the plain default mutex.
+  if (d->spinCount != 0) pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ADAPTIVE_NP);
+  pthread_mutex_init(&d->region, &attr);
+  pthread_mutexattr_destroy(&attr);
 }
 
-SpinLock::~SpinLock()
-{
-    if (d) {
-        pthread_mutex_destroy(&d->region);
-        delete d;
-    }
+SpinLock::~SpinLock() {
+  if (d) {
+    pthread_mutex_destroy(&d->region);
+    delete d;
+  }
 }
 
 namespace {
@@ -115,107 +107,90 @@ namespace {
 // A thread's first lock or unlock fills the cache, then starts again; kept
 // out of line (and reached by a tail call) so that the hot paths keep no
 // stack frame.
-[[gnu::noinline, gnu::cold]] int lockOnFirstUse(SpinLock& lock, unsigned int timeoutMs)
-{
-    fillCurrentThread();
-    return lock.lock(timeoutMs);
+[[gnu::noinline, gnu::cold]] int lockOnFirstUse(SpinLock& lock, unsigned int timeoutMs) {
+  fillCurrentThread();
+  return lock.lock(timeoutMs);
 }
 
-[[gnu::noinline, gnu::cold]] int unlockOnFirstUse(SpinLock& lock)
-{
-    fillCurrentThread();
-    return lock.unlock();
+[[gnu::noinline, gnu::cold]] int unlockOnFirstUse(SpinLock& lock) {
+  fillCurrentThread();
+  return lock.unlock();
 }
 
 // The caller has just read currentThread(), so tSelf is set; reading it again
 // after the wait keeps one register fewer alive across the call.
-[[gnu::noinline]] int acquireForever(SpinLockData* data)
-{
-    if (pthread_mutex_lock(&data->region) != 0)
-        return -1;
-    data->count.store(1, std::memory_order_relaxed);
-    data->owner.store(tSelf, std::memory_order_relaxed);
-    return 0;
+[[gnu::noinline]] int acquireForever(SpinLockData* data) {
+  if (pthread_mutex_lock(&data->region) != 0) return -1;
+  data->count.store(1, std::memory_order_relaxed);
+  data->owner.store(tSelf, std::memory_order_relaxed);
+  return 0;
 }
 
-[[gnu::noinline]] int acquireWithin(SpinLockData* data, pthread_t self, unsigned int timeoutMs)
-{
-    int rc;
-    if (timeoutMs == 0) {
-        rc = pthread_mutex_trylock(&data->region);
-    } else {
-        const timespec until = realtimeIn(timeoutMs);
-        rc = pthread_mutex_timedlock(&data->region, &until);
-    }
-    if (rc != 0)
-        return -1;
-    data->count.store(1, std::memory_order_relaxed);
-    data->owner.store(self, std::memory_order_relaxed);
-    return 0;
+[[gnu::noinline]] int acquireWithin(SpinLockData* data, pthread_t self, unsigned int timeoutMs) {
+  int rc;
+  if (timeoutMs == 0) {
+    rc = pthread_mutex_trylock(&data->region);
+  } else {
+    const timespec until = realtimeIn(timeoutMs);
+    rc = pthread_mutex_timedlock(&data->region, &until);
+  }
+  if (rc != 0) return -1;
+  data->count.store(1, std::memory_order_relaxed);
+  data->owner.store(self, std::memory_order_relaxed);
+  return 0;
 }
 
 // count is what the last level left: 0 normally. Below 0 the caller took
 // ownership of a free lock (stealOwnership) and there is no mutex to release.
 // The mutex is a normal or adaptive one, whose unlock always succeeds, so its
 // result is ours (a tail call).
-[[gnu::noinline]] int release(SpinLockData* data, int count)
-{
-    data->owner.store(0, std::memory_order_relaxed);
-    if (count < 0) {
-        data->count.store(0, std::memory_order_relaxed);
-        return 0;
-    }
-    return pthread_mutex_unlock(&data->region);
+[[gnu::noinline]] int release(SpinLockData* data, int count) {
+  data->owner.store(0, std::memory_order_relaxed);
+  if (count < 0) {
+    data->count.store(0, std::memory_order_relaxed);
+    return 0;
+  }
+  return pthread_mutex_unlock(&data->region);
 }
 
 }  // namespace
 
-int SpinLock::lock(unsigned int timeoutMs)
-{
-    const pthread_t self = tSelf;
-    if (__builtin_expect(self == 0, 0))
-        return lockOnFirstUse(*this, timeoutMs);
-    SpinLockData* const data = d;
-    if (data->owner.load(std::memory_order_relaxed) == self) {
-        data->count.store(data->count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        return 0;
-    }
-    if (__builtin_expect(timeoutMs == kForever, 1))
-        return acquireForever(data);
-    return acquireWithin(data, self, timeoutMs);
+int SpinLock::lock(unsigned int timeoutMs) {
+  const pthread_t self = tSelf;
+  if (__builtin_expect(self == 0, 0)) return lockOnFirstUse(*this, timeoutMs);
+  SpinLockData* const data = d;
+  if (data->owner.load(std::memory_order_relaxed) == self) {
+    data->count.store(data->count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return 0;
+  }
+  if (__builtin_expect(timeoutMs == kForever, 1)) return acquireForever(data);
+  return acquireWithin(data, self, timeoutMs);
 }
 
-int SpinLock::trylock()
-{
-    return lock(0);
+int SpinLock::trylock() {
+  return lock(0);
 }
 
-int SpinLock::unlock()
-{
-    const pthread_t self = tSelf;
-    if (__builtin_expect(self == 0, 0))
-        return unlockOnFirstUse(*this);
-    SpinLockData* const data = d;
-    if (data->owner.load(std::memory_order_relaxed) != self)
-        return -1;
-    const int count = data->count.load(std::memory_order_relaxed) - 1;
-    data->count.store(count, std::memory_order_relaxed);
-    if (count > 0)
-        return 0;
-    return release(data, count);
+int SpinLock::unlock() {
+  const pthread_t self = tSelf;
+  if (__builtin_expect(self == 0, 0)) return unlockOnFirstUse(*this);
+  SpinLockData* const data = d;
+  if (data->owner.load(std::memory_order_relaxed) != self) return -1;
+  const int count = data->count.load(std::memory_order_relaxed) - 1;
+  data->count.store(count, std::memory_order_relaxed);
+  if (count > 0) return 0;
+  return release(data, count);
 }
 
-ThreadHandle SpinLock::stealOwnership()
-{
-    const pthread_t self = currentThread();
-    d->owner.store(self, std::memory_order_relaxed);
-    return self;
+ThreadHandle SpinLock::stealOwnership() {
+  const pthread_t self = currentThread();
+  d->owner.store(self, std::memory_order_relaxed);
+  return self;
 }
 
-int SpinLock::forceUnlock()
-{
-    stealOwnership();
-    return unlock();
+int SpinLock::forceUnlock() {
+  stealOwnership();
+  return unlock();
 }
 
 // ---------------------------------------------------------------------------
@@ -227,120 +202,102 @@ namespace {
 // Waits on cond with the lock's own mutex. The lock's count and owner are
 // cleared for the wait (another thread takes the mutex meanwhile) and
 // restored once the mutex is ours again. until == nullptr waits without limit.
-int waitWith(pthread_cond_t* cond, SpinLockData* lock, const timespec* until)
-{
-    const pthread_t self = currentThread();
-    if (lock->owner.load(std::memory_order_relaxed) != self)
-        return -1;
-    const int count = lock->count.load(std::memory_order_relaxed);
-    lock->owner.store(0, std::memory_order_relaxed);
-    lock->count.store(0, std::memory_order_relaxed);
-    int rc;
-    if (until)
-        rc = pthread_cond_timedwait(cond, &lock->region, until);
-    else
-        rc = pthread_cond_wait(cond, &lock->region);
-    lock->count.store(count, std::memory_order_relaxed);
-    lock->owner.store(self, std::memory_order_relaxed);
-    return rc;
+int waitWith(pthread_cond_t* cond, SpinLockData* lock, const timespec* until) {
+  const pthread_t self = currentThread();
+  if (lock->owner.load(std::memory_order_relaxed) != self) return -1;
+  const int count = lock->count.load(std::memory_order_relaxed);
+  lock->owner.store(0, std::memory_order_relaxed);
+  lock->count.store(0, std::memory_order_relaxed);
+  int rc;
+  if (until)
+    rc = pthread_cond_timedwait(cond, &lock->region, until);
+  else
+    rc = pthread_cond_wait(cond, &lock->region);
+  lock->count.store(count, std::memory_order_relaxed);
+  lock->owner.store(self, std::memory_order_relaxed);
+  return rc;
 }
 
 }  // namespace
 
-Conditional::Conditional() : d(new ConditionalData)
-{
-    pthread_cond_init(&d->cond, nullptr);
+Conditional::Conditional() : d(new ConditionalData) {
+  pthread_cond_init(&d->cond, nullptr);
 }
 
-Conditional::~Conditional()
-{
-    if (d) {
-        pthread_cond_destroy(&d->cond);
-        delete d;
-    }
+Conditional::~Conditional() {
+  if (d) {
+    pthread_cond_destroy(&d->cond);
+    delete d;
+  }
 }
 
-int Conditional::wait(SpinLock& lock)
-{
-    // The system's result is ignored: a wait that returns holds the lock.
-    return waitWith(&d->cond, lock.d, nullptr) == -1 ? -1 : 0;
+int Conditional::wait(SpinLock& lock) {
+  // The system's result is ignored: a wait that returns holds the lock.
+  return waitWith(&d->cond, lock.d, nullptr) == -1 ? -1 : 0;
 }
 
-int Conditional::timedwait(SpinLock& lock, unsigned long timeoutMs)
-{
-    timeval now;
-    gettimeofday(&now, nullptr);
-    const detail::Deadline deadline = detail::conditionalDeadline(now.tv_sec, now.tv_usec, timeoutMs);
-    timespec until;
-    until.tv_sec = static_cast<time_t>(deadline.seconds);
-    until.tv_nsec = deadline.nanoseconds;
-    return waitWith(&d->cond, lock.d, &until) == 0 ? 0 : -1;
+int Conditional::timedwait(SpinLock& lock, unsigned long timeoutMs) {
+  timeval now;
+  gettimeofday(&now, nullptr);
+  const detail::Deadline deadline = detail::conditionalDeadline(now.tv_sec, now.tv_usec, timeoutMs);
+  timespec until;
+  until.tv_sec = static_cast<time_t>(deadline.seconds);
+  until.tv_nsec = deadline.nanoseconds;
+  return waitWith(&d->cond, lock.d, &until) == 0 ? 0 : -1;
 }
 
-int Conditional::signal()
-{
-    pthread_cond_signal(&d->cond);
-    return 0;
+int Conditional::signal() {
+  pthread_cond_signal(&d->cond);
+  return 0;
 }
 
-int Conditional::broadcast()
-{
-    pthread_cond_broadcast(&d->cond);
-    return 0;
+int Conditional::broadcast() {
+  pthread_cond_broadcast(&d->cond);
+  return 0;
 }
 
 // ---------------------------------------------------------------------------
 // Semaphore
 // ---------------------------------------------------------------------------
 
-Semaphore::Semaphore(long initialCount) : d(new SemaphoreData)
-{
-    if (initialCount < 0)
-        initialCount = 0;
-    if (initialCount > kMaxCount)
-        initialCount = kMaxCount;
-    sem_init(&d->sem, 0, static_cast<unsigned int>(initialCount));
+Semaphore::Semaphore(long initialCount) : d(new SemaphoreData) {
+  if (initialCount < 0) initialCount = 0;
+  if (initialCount > kMaxCount) initialCount = kMaxCount;
+  sem_init(&d->sem, 0, static_cast<unsigned int>(initialCount));
 }
 
-Semaphore::~Semaphore()
-{
-    if (d) {
-        sem_destroy(&d->sem);
-        delete d;
-    }
+Semaphore::~Semaphore() {
+  if (d) {
+    sem_destroy(&d->sem);
+    delete d;
+  }
 }
 
-int Semaphore::wait()
-{
-    // A forever wait is not ended by a signal delivered to the thread.
-    int rc;
-    do {
-        rc = sem_wait(&d->sem);
-    } while (rc != 0 && errno == EINTR);
-    return rc == 0 ? 0 : -1;
+int Semaphore::wait() {
+  // A forever wait is not ended by a signal delivered to the thread.
+  int rc;
+  do {
+    rc = sem_wait(&d->sem);
+  } while (rc != 0 && errno == EINTR);
+  return rc == 0 ? 0 : -1;
 }
 
-int Semaphore::trywait()
-{
-    return sem_trywait(&d->sem) == 0 ? 0 : -1;
+int Semaphore::trywait() {
+  return sem_trywait(&d->sem) == 0 ? 0 : -1;
 }
 
-int Semaphore::trywait(long attempts)
-{
-    if (attempts < 0)
-        return wait();
-    for (long i = 0; i < attempts; ++i) {
-        if (sem_trywait(&d->sem) == 0)
-            return 0;
-        const timespec oneMs{0, 1000000L};
-        nanosleep(&oneMs, nullptr);
-    }
-    return -1;
+int Semaphore::trywait(long attempts) {
+  if (attempts < 0) return wait();
+  for (long i = 0; i < attempts; ++i) {
+    if (sem_trywait(&d->sem) == 0) return 0;
+    const timespec oneMs{0, 1000000L};
+    nanosleep(&oneMs, nullptr);
+  }
+  return -1;
 }
 
-int Semaphore::post()
-{
-    return sem_post(&d->sem) == 0 ? 0 : -1;
+int Semaphore::post() {
+  return sem_post(&d->sem) == 0 ? 0 : -1;
 }
 
 }  // namespace kestrel

@@ -13,58 +13,54 @@
 namespace kestrel::detail {
 
 struct RendezvousWaiter {
-    Semaphore wake{0};
-    RendezvousWaiter* next = nullptr;
-    bool released = false;
+  Semaphore wake{0};
+  RendezvousWaiter* next = nullptr;
+  bool released = false;
 };
 
 // The early parties of the current cycle. Every member is guarded by the
 // lock of the object that owns the list.
 class RendezvousList {
-public:
-    // Posts every waiter once and empties the list. Returns the number of
-    // posts made.
-    unsigned long releaseAll()
-    {
-        unsigned long posts = 0;
-        while (RendezvousWaiter* w = m_head) {
-            m_head = w->next;
-            w->released = true;
-            w->wake.post();
-            ++posts;
-        }
-        return posts;
+ public:
+  // Posts every waiter once and empties the list. Returns the number of
+  // posts made.
+  unsigned long releaseAll() {
+    unsigned long posts = 0;
+    while (RendezvousWaiter* w = m_head) {
+      m_head = w->next;
+      w->released = true;
+      w->wake.post();
+      ++posts;
     }
+    return posts;
+  }
 
-    // Sleeps as an early party of the current cycle. `lock` is held once by
-    // the caller on entry; it is released while sleeping and held again on
-    // return, which also guarantees that the post that woke this party has
-    // completed before its semaphore is destroyed. Returns the wait's result.
-    int sleep(SpinLock& lock)
-    {
-        RendezvousWaiter self;
-        self.next = m_head;
-        m_head = &self;
-        lock.unlock();
-        int result = self.wake.wait();
-        lock.lock(SpinLock::kForever);
-        if (!self.released)
-            unlink(self);
-        return result;
+  // Sleeps as an early party of the current cycle. `lock` is held once by
+  // the caller on entry; it is released while sleeping and held again on
+  // return, which also guarantees that the post that woke this party has
+  // completed before its semaphore is destroyed. Returns the wait's result.
+  int sleep(SpinLock& lock) {
+    RendezvousWaiter self;
+    self.next = m_head;
+    m_head = &self;
+    lock.unlock();
+    int result = self.wake.wait();
+    lock.lock(SpinLock::kForever);
+    if (!self.released) unlink(self);
+    return result;
+  }
+
+ private:
+  void unlink(RendezvousWaiter& w) {
+    for (RendezvousWaiter** p = &m_head; *p; p = &(*p)->next) {
+      if (*p == &w) {
+        *p = w.next;
+        return;
+      }
     }
+  }
 
-private:
-    void unlink(RendezvousWaiter& w)
-    {
-        for (RendezvousWaiter** p = &m_head; *p; p = &(*p)->next) {
-            if (*p == &w) {
-                *p = w.next;
-                return;
-            }
-        }
-    }
-
-    RendezvousWaiter* m_head = nullptr;
+  RendezvousWaiter* m_head = nullptr;
 };
 
 }  // namespace kestrel::detail

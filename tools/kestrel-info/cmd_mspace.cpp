@@ -80,7 +80,8 @@ int runTrace(const TraceOptions& options, QTextStream& out) {
   std::mt19937 random(options.seed);
   std::uniform_int_distribution<unsigned long> size(1, options.maxSize);
   std::vector<void*> blocks;
-  for (unsigned long i = 0; i < options.blocks; ++i) blocks.push_back(mspace_malloc(msp, size(random)));
+  for (unsigned long i = 0; i < options.blocks; ++i)
+    blocks.push_back(mspace_malloc(msp, size(random)));
   out << "mspace in a " << kBaseBytes / 1024 << " KiB caller buffer, " << options.blocks
       << " blocks of 1.." << options.maxSize << " bytes\n";
   printInfo(out, "after malloc      ", msp);
@@ -112,15 +113,17 @@ void tourMspace(QTextStream& out) {
   runTrace(options, out);
 }
 
-const Command kMspace{
-    "mspace", "runs an allocation trace on a fresh mspace",
-    "mspace [--blocks N] [--max-size BYTES] [--seed S]\n"
-    "  Builds an mspace in a 64 KiB caller buffer whose segment mappings are\n"
-    "  counted, allocates N blocks (default 1000, at most 1000000) of random\n"
-    "  sizes from 1 to BYTES (default 4096, at most 64 MiB), frees every other\n"
-    "  one, then the rest, trims, and prints the statistics after each step and\n"
-    "  the allocator's three statistics lines.\n",
-    runMspace, tourMspace, 30};
+const Command kMspace{"mspace",
+                      "runs an allocation trace on a fresh mspace",
+                      "mspace [--blocks N] [--max-size BYTES] [--seed S]\n"
+                      "  Builds an mspace in a 64 KiB caller buffer whose segment mappings are\n"
+                      "  counted, allocates N blocks (default 1000, at most 1000000) of random\n"
+                      "  sizes from 1 to BYTES (default 4096, at most 64 MiB), frees every other\n"
+                      "  one, then the rest, trims, and prints the statistics after each step and\n"
+                      "  the allocator's three statistics lines.\n",
+                      runMspace,
+                      tourMspace,
+                      30};
 
 }  // namespace
 

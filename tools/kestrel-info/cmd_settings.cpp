@@ -10,17 +10,28 @@ namespace {
 
 const char* kindName(SettingType type) {
   switch (type) {
-    case TypeBool: return "bool";
-    case TypeInt: return "int";
-    case TypeFloat: return "float";
-    case TypeDouble: return "double";
-    case TypeString: return "string";
-    case TypeDateTime: return "datetime";
-    case TypeCount: return "count";
-    case TypeIntPair: return "intpair";
-    case TypeTime: return "time";
-    case TypeHashedString: return "hashed";
-    case TypeIntHistogram: return "histogram";
+    case TypeBool:
+      return "bool";
+    case TypeInt:
+      return "int";
+    case TypeFloat:
+      return "float";
+    case TypeDouble:
+      return "double";
+    case TypeString:
+      return "string";
+    case TypeDateTime:
+      return "datetime";
+    case TypeCount:
+      return "count";
+    case TypeIntPair:
+      return "intpair";
+    case TypeTime:
+      return "time";
+    case TypeHashedString:
+      return "hashed";
+    case TypeIntHistogram:
+      return "histogram";
   }
   return "unknown";
 }
@@ -31,14 +42,14 @@ void listSettings(QTextStream& out) {
   for (int g = 0; g < groupCount; ++g) {
     const SettingGroup* group = SettingGroup::getGroup(g);
     const int settingCount = group->getSettingCount();
-    out << group->getName() << " (" << settingCount << (settingCount == 1 ? " setting)\n" : " settings)\n");
+    out << group->getName() << " (" << settingCount
+        << (settingCount == 1 ? " setting)\n" : " settings)\n");
     for (int s = 0; s < settingCount; ++s) {
       const Setting* setting = group->getSetting(s);
       const QString log = setting->toLogString();
-      out << "  " << qSetFieldWidth(22) << Qt::left << setting->getName()
-          << qSetFieldWidth(10) << kindName(setting->getType()) << qSetFieldWidth(0)
-          << '"' << setting->toString() << "\"  "
-          << (log.isNull() ? QStringLiteral("(not logged)") : log) << '\n';
+      out << "  " << qSetFieldWidth(22) << Qt::left << setting->getName() << qSetFieldWidth(10)
+          << kindName(setting->getType()) << qSetFieldWidth(0) << '"' << setting->toString()
+          << "\"  " << (log.isNull() ? QStringLiteral("(not logged)") : log) << '\n';
     }
   }
 }
@@ -74,7 +85,8 @@ void tourSettings(QTextStream& out) {
   CountSetting crashes(group, QStringLiteral("crashes"), 0, true, false);
   FloatSetting fov(group, QStringLiteral("fieldOfView"), 60.5f, true, false);
   DoubleSetting altitude(group, QStringLiteral("altitude"), 1234567.0, true, false);
-  StringSetting server(group, QStringLiteral("server"), QStringLiteral("kh.example.org"), true, false);
+  StringSetting server(group, QStringLiteral("server"), QStringLiteral("kh.example.org"), true,
+                       false);
   HashedStringSetting user(group, QStringLiteral("user"), QStringLiteral("someone"), true, false);
   IntPairSetting winSize(group, QStringLiteral("winSize"), {640, 480}, true, false);
   QDateTimeSetting lastRun(group, QStringLiteral("lastRun"),
@@ -98,13 +110,16 @@ void tourSettings(QTextStream& out) {
 }
 
 const Command kSettings{
-    "settings", "lists every setting group with its settings",
+    "settings",
+    "lists every setting group with its settings",
     "settings\n"
     "  Lists every setting group in registry order (newest first) and each of its\n"
     "  settings: name, kind, text form (toString) and log form (toLogString).\n"
     "settings --log\n"
     "  Prints the log form of every setting, concatenated, as one query string.\n",
-    runSettings, tourSettings, 10};
+    runSettings,
+    tourSettings,
+    10};
 
 }  // namespace
 

@@ -35,9 +35,10 @@ void runCrew(unsigned long workers, int cycles, QTextStream& out) {
   }
   const unsigned int again = crew.startThreads();
   crew.exitThreads();
-  out << "AsyncThread: " << workers << " workers, " << cycles << " cycles of ready(): "
-      << handler.callbacks << " callbacks; a second startThreads() returns 0x"
-      << Qt::hex << Qt::uppercasedigits << again << Qt::dec << '\n';
+  out << "AsyncThread: " << workers << " workers, " << cycles
+      << " cycles of ready(): " << handler.callbacks
+      << " callbacks; a second startThreads() returns 0x" << Qt::hex << Qt::uppercasedigits << again
+      << Qt::dec << '\n';
 }
 
 struct BarrierRun {
@@ -100,15 +101,15 @@ void runMainThreadCall(QTextStream& out) {
   System::join(worker);
   out << "Timer::execute from a worker (isMainThread there: "
       << (call.workerIsMain ? "true" : "false") << "): result " << call.result
-      << ", ran on the main thread: " << (call.method.ranOnMainThread ? "true" : "false")
-      << '\n';
+      << ", ran on the main thread: " << (call.method.ranOnMainThread ? "true" : "false") << '\n';
 }
 
 bool readCount(const QStringList& args, qsizetype at, int limit, int& value, QTextStream& err) {
   bool ok = at < args.size();
   const int parsed = ok ? args[at].toInt(&ok) : 0;
   if (!ok || parsed < 1 || parsed > limit) {
-    err << "kestrel-info threads: " << args[at - 1] << " takes a number from 1 to " << limit << '\n';
+    err << "kestrel-info threads: " << args[at - 1] << " takes a number from 1 to " << limit
+        << '\n';
     return false;
   }
   value = parsed;
@@ -141,13 +142,16 @@ void tourThreads(QTextStream& out) {
 }
 
 const Command kThreads{
-    "threads", "runs a worker crew, a barrier and a main-thread call",
+    "threads",
+    "runs a worker crew, a barrier and a main-thread call",
     "threads [--workers N] [--cycles C]\n"
     "  Starts an AsyncThread crew of N workers (default 2, at most 64) and\n"
     "  announces C cycles of work (default 5, at most 100000), counting the\n"
     "  callbacks; has three threads meet C times at a Barrier; and has a worker\n"
     "  run a method on the main thread with Timer::execute, waiting for it.\n",
-    runThreads, tourThreads, 20};
+    runThreads,
+    tourThreads,
+    20};
 
 }  // namespace
 

@@ -25,11 +25,10 @@ int runTour(const QStringList& args, QTextStream& out, QTextStream& err) {
   return 0;
 }
 
-const Command kTour{
-    "tour", "runs a short demonstration of each family",
-    "tour\n"
-    "  Runs a short demonstration of each part of the library, in order.\n",
-    runTour};
+const Command kTour{"tour", "runs a short demonstration of each family",
+                    "tour\n"
+                    "  Runs a short demonstration of each part of the library, in order.\n",
+                    runTour};
 
 }  // namespace
 
