@@ -14,10 +14,10 @@
 namespace kestrel::internal {
 
 // Layout numbers for outside observers.
-using mspace_detail::kDirectMapExtra;   // direct map request: nb + this, granularity-aligned
-using mspace_detail::kSegmentMapExtra;  // segment request: nb + this, granularity-aligned
+using mspace_detail::kDirectMapExtra;   // direct map request: chunk size + this, granularity-aligned
+using mspace_detail::kSegmentMapExtra;  // segment request: chunk size + this, granularity-aligned
 using mspace_detail::kTopFootSize;
-using mspace_detail::requestToSize;  // the normalised chunk size nb of a request
+using mspace_detail::requestToSize;  // the normalised chunk size of a request
 
 struct MspaceParams {
   std::size_t page_size;
