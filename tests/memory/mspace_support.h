@@ -27,7 +27,7 @@ using kestrel::mspace;
 #define EXPECT_MSPACE_CONSISTENT(m) EXPECT_EQ(kestrel::internal::mspaceCheckConsistency(m), "")
 #define ASSERT_MSPACE_CONSISTENT(m) ASSERT_EQ(kestrel::internal::mspaceCheckConsistency(m), "")
 
-inline int asMalloptValue(std::size_t v) { return v == ~std::size_t{0} ? -1 : static_cast<int>(v); }
+inline int asMalloptValue(std::size_t setting) { return setting == ~std::size_t{0} ? -1 : static_cast<int>(setting); }
 
 // Base fixture: the process-wide parameters are put back after every test.
 class MspaceTest : public ::testing::Test {
@@ -41,9 +41,9 @@ class MspaceTest : public ::testing::Test {
   static std::size_t granularity() { return kestrel::internal::mspaceParams().granularity; }
   static std::size_t pageSize() { return kestrel::internal::mspaceParams().page_size; }
   // The mapping size rule: add a granule, clear the bits below it.
-  static std::size_t granularityAlign(std::size_t s) {
-    const std::size_t g = granularity();
-    return (s + g) & ~(g - 1);
+  static std::size_t granularityAlign(std::size_t size) {
+    const std::size_t unit = granularity();
+    return (size + unit) & ~(unit - 1);
   }
 
   kestrel::internal::MspaceParams saved_{};
@@ -66,9 +66,9 @@ class RecordingSystem {
 
   explicit RecordingSystem(Placement placement = Placement::Gapped, std::size_t reserve = std::size_t{1} << 32)
       : placement_(placement), reserveSize_(reserve) {
-    void* r = mmap(nullptr, reserve, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (r == MAP_FAILED) throw std::runtime_error("cannot reserve address space");
-    reserve_ = static_cast<char*>(r);
+    void* range = mmap(nullptr, reserve, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (range == MAP_FAILED) throw std::runtime_error("cannot reserve address space");
+    reserve_ = static_cast<char*>(range);
     up_ = reserve_;
     down_ = reserve_ + reserve;
     live().push_back(this);
@@ -81,22 +81,23 @@ class RecordingSystem {
   RecordingSystem& operator=(const RecordingSystem&) = delete;
 
   mspace create(void* base, std::size_t capacity) {
-    mspace m = kestrel::create_mspace_with_base_ca(base, capacity, 0, &segmentMap, &directMap, &sbrk, this);
-    if (m != nullptr) kestrel::internal::mspaceSetUnmapFunction(m, &unmap);
-    return m;
+    mspace msp = kestrel::create_mspace_with_base_ca(base, capacity, 0, &segmentMap, &directMap, &sbrk, this);
+    if (msp != nullptr) kestrel::internal::mspaceSetUnmapFunction(msp, &unmap);
+    return msp;
   }
 
   static void* segmentMap(unsigned long size, void* ctx) { return self(ctx)->map(size, &RecordingSystem::segmentMaps); }
   static void* directMap(unsigned long size, void* ctx) { return self(ctx)->map(size, &RecordingSystem::directMaps); }
   static int unmap(char* start, unsigned long size, void* ctx) {
-    RecordingSystem* s = self(ctx);
-    s->unmaps.push_back({start, size});
-    if (start < s->reserve_ || start + size > s->reserve_ + s->reserveSize_) {
-      ++s->foreignUnmaps;
+    RecordingSystem* system = self(ctx);
+    system->unmaps.push_back({start, size});
+    if (start < system->reserve_ || start + size > system->reserve_ + system->reserveSize_) {
+      ++system->foreignUnmaps;
       return -1;
     }
-    void* r = mmap(start, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
-    return r == MAP_FAILED ? -1 : 0;
+    // Back to the reservation rather than unmapped, so that the range stays ours.
+    void* range = mmap(start, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+    return range == MAP_FAILED ? -1 : 0;
   }
   static void* sbrk(int, void* ctx) {
     ++self(ctx)->sbrkCalls;
@@ -104,9 +105,9 @@ class RecordingSystem {
   }
 
   std::size_t mappedBytes(const std::vector<Call>& calls) const {
-    std::size_t n = 0;
-    for (const Call& c : calls) n += c.size;
-    return n;
+    std::size_t total = 0;
+    for (const Call& call : calls) total += call.size;
+    return total;
   }
   bool contains(const void* p) const {
     return static_cast<const char*>(p) >= reserve_ && static_cast<const char*>(p) < reserve_ + reserveSize_;
@@ -120,16 +121,16 @@ class RecordingSystem {
 
  private:
   static std::vector<RecordingSystem*>& live() {
-    static std::vector<RecordingSystem*> v;
-    return v;
+    static std::vector<RecordingSystem*> providers;
+    return providers;
   }
   static RecordingSystem* self(void* ctx) {
-    auto* s = static_cast<RecordingSystem*>(ctx);
-    if (std::find(live().begin(), live().end(), s) == live().end()) {
+    auto* system = static_cast<RecordingSystem*>(ctx);
+    if (std::find(live().begin(), live().end(), system) == live().end()) {
       std::fprintf(stderr, "mspace callback arrived with a context that is no live provider\n");
       std::abort();
     }
-    return s;
+    return system;
   }
 
   void* map(std::size_t size, std::vector<Call> RecordingSystem::*log) {
@@ -153,12 +154,12 @@ class RecordingSystem {
         break;
     }
     if (up_ > down_) return reinterpret_cast<void*>(~std::uintptr_t{0});
-    void* r = mmap(at, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
-    if (r == MAP_FAILED) return reinterpret_cast<void*>(~std::uintptr_t{0});
-    std::memset(r, 0xCD, size);
+    void* mapping = mmap(at, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    if (mapping == MAP_FAILED) return reinterpret_cast<void*>(~std::uintptr_t{0});
+    std::memset(mapping, 0xCD, size);
     handedOut += size;
     (this->*log).push_back({at, size});
-    return r;
+    return mapping;
   }
 
   Placement placement_;
@@ -174,18 +175,21 @@ class Pattern {
   static constexpr std::size_t kMax = std::size_t{9} << 20;
   static const unsigned char* ref() {
     static const std::vector<unsigned char> bytes = [] {
-      std::vector<unsigned char> b(kMax + 256);
-      for (std::size_t k = 0; k < b.size(); ++k) b[k] = static_cast<unsigned char>(k * 7 + (k >> 8) + (k >> 16));
-      return b;
+      std::vector<unsigned char> pattern(kMax + 256);
+      for (std::size_t i = 0; i < pattern.size(); ++i)
+        pattern[i] = static_cast<unsigned char>(i * 7 + (i >> 8) + (i >> 16));
+      return pattern;
     }();
     return bytes.data();
   }
-  static void fill(void* p, std::size_t size, unsigned seed) { std::memcpy(p, ref() + (seed & 0xFF), size); }
-  static bool intact(const void* p, std::size_t size, unsigned seed) {
-    return std::memcmp(p, ref() + (seed & 0xFF), size) == 0;
+  static void fill(void* block, std::size_t size, unsigned seed) { std::memcpy(block, ref() + (seed & 0xFF), size); }
+  static bool intact(const void* block, std::size_t size, unsigned seed) {
+    return std::memcmp(block, ref() + (seed & 0xFF), size) == 0;
   }
 };
 
-inline bool isAligned(const void* p, std::size_t a) { return reinterpret_cast<std::uintptr_t>(p) % a == 0; }
+inline bool isAligned(const void* address, std::size_t alignment) {
+  return reinterpret_cast<std::uintptr_t>(address) % alignment == 0;
+}
 
 }  // namespace mspace_test
