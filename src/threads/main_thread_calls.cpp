@@ -252,7 +252,7 @@ int Timer::execute(SyncMethod& method, bool wait) {
   if (!wait) return executeAsync(method);
   if (QThread::currentThread() == app->thread())
     return method.run();                         // waiting for itself would never end
-  if (BlockMainLock::trylock() != 0) return 0;  // deliberate: another waiting call is in progress
+  if (BlockMainLock::trylock() != 0) return -1;  // deliberate: another waiting call is in progress
   SyncMethodEvent* call = new SyncMethodEvent(method, true);
   const int result = call->post();
   delete call;
