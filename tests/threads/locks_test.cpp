@@ -1,625 +1,397 @@
-// SpinLock, CSMutex, Conditional, Semaphore, Barrier and TestThenAdd.
+// SpinLock, CSMutex, Conditional, Semaphore, Barrier, GlobalLock, BlockMainLock
+// and the lazily created lock behind the last two.
 #include "threads_test_support.h"
 
 #include <kestrel/threads.h>
 
 #include "threads/deadline.h"
+#include "threads/lazy_lock.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <csignal>
 #include <deque>
+#include <set>
 
 #include <pthread.h>
 #include <time.h>
 
-using kestrel::Barrier;
-using kestrel::Conditional;
-using kestrel::CSMutex;
-using kestrel::Semaphore;
-using kestrel::SpinLock;
-using kestrel_test::elapsedMs;
-using kestrel_test::kStress;
-using kestrel_test::runThreads;
+using namespace kestrel;
+using namespace kestrel_test;
 
 namespace {
 
-// Runs fn on another thread and returns its result.
-template <class Fn>
-auto onOtherThread(Fn fn) -> decltype(fn())
-{
-    decltype(fn()) result{};
-    std::thread t([&] { result = fn(); });
-    t.join();
-    return result;
-}
-
 // Another thread tries the lock without waiting; releases it again if it
 // got it. True if it was free.
-bool freeForOthers(SpinLock& lock)
-{
-    return onOtherThread([&] {
-        if (lock.trylock() != 0)
-            return false;
-        lock.unlock();
-        return true;
-    });
+bool freeForOthers(SpinLock& lock) {
+  return onOtherThread([&] { return lock.trylock() == 0 && lock.unlock() == 0; });
+}
+
+// Unlocks `levels` times, checking that the lock stays held until the last.
+void expectHeldLevels(SpinLock& lock, int levels) {
+  for (int i = levels; i > 0; --i) {
+    EXPECT_FALSE(freeForOthers(lock)) << i << " levels left";
+    EXPECT_EQ(lock.unlock(), 0);
+  }
+  EXPECT_TRUE(freeForOthers(lock));
 }
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
-// SpinLock
-// ---------------------------------------------------------------------------
+TEST(SpinLock, RecursionOwnershipAndTimeouts) {
+  SpinLock lock;
+  ASSERT_EQ(lock.lock(), 0);
+  ASSERT_EQ(lock.lock(), 0);
+  ASSERT_EQ(lock.trylock(), 0);  // re-entry by the owner never fails
+  // Others fail: unlock (leaving the count), lock(0) and a timed lock.
+  EXPECT_EQ(onOtherThread([&] { return lock.unlock(); }), -1);
+  EXPECT_EQ(onOtherThread([&] { return lock.lock(0); }), -1);
+  int result = 0;
+  EXPECT_GE(elapsedMs([&] { result = onOtherThread([&] { return lock.lock(100); }); }), 80.0);
+  EXPECT_EQ(result, -1);
+  expectHeldLevels(lock, 3);
+  EXPECT_EQ(lock.unlock(), -1);  // nothing left to release
+  EXPECT_EQ(onOtherThread([&] { return lock.unlock(); }), -1);
 
-TEST(SpinLock, IsOnePointerWide)
-{
-    EXPECT_EQ(sizeof(SpinLock), sizeof(void*));
-    EXPECT_EQ(sizeof(Semaphore), sizeof(void*));
-    EXPECT_EQ(sizeof(Conditional), sizeof(void*));
-    EXPECT_EQ(sizeof(Barrier), sizeof(void*));
-}
+  // A timed lock succeeds once the holder lets go in time.
+  ASSERT_EQ(lock.lock(), 0);
+  std::thread t([&] { result = lock.lock(10000) == 0 ? lock.unlock() : -1; });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(lock.unlock(), 0);
+  t.join();
+  EXPECT_EQ(result, 0);
 
-TEST(SpinLock, RecursionNeedsOneUnlockPerLock)
-{
-    SpinLock lock;
-    ASSERT_EQ(lock.lock(), 0);
-    ASSERT_EQ(lock.lock(), 0);
-    ASSERT_EQ(lock.trylock(), 0);  // re-entry by the owner never fails
-
-    EXPECT_EQ(lock.unlock(), 0);
-    EXPECT_FALSE(freeForOthers(lock));
-    EXPECT_EQ(lock.unlock(), 0);
-    EXPECT_FALSE(freeForOthers(lock));
-    EXPECT_EQ(lock.unlock(), 0);  // the third unlock frees it
-    EXPECT_TRUE(freeForOthers(lock));
-    EXPECT_EQ(lock.unlock(), -1);  // nothing left to release
-}
-
-TEST(SpinLock, UnlockByNonOwnerFailsAndLeavesTheCount)
-{
-    SpinLock lock;
-    ASSERT_EQ(lock.lock(), 0);
-    ASSERT_EQ(lock.lock(), 0);
-    EXPECT_EQ(onOtherThread([&] { return lock.unlock(); }), -1);
-    // Still held twice by this thread.
-    EXPECT_EQ(lock.unlock(), 0);
-    EXPECT_FALSE(freeForOthers(lock));
-    EXPECT_EQ(lock.unlock(), 0);
-    EXPECT_TRUE(freeForOthers(lock));
-    // A free lock has no owner either.
-    EXPECT_EQ(onOtherThread([&] { return lock.unlock(); }), -1);
-}
-
-TEST(SpinLock, LockZeroOnAHeldLockFailsWithoutWaiting)
-{
-    SpinLock lock;
-    ASSERT_EQ(lock.lock(), 0);
-    int result = 0;
-    const double ms = elapsedMs([&] { result = onOtherThread([&] { return lock.lock(0); }); });
-    EXPECT_EQ(result, -1);
-    EXPECT_LT(ms, 5000.0);
-    EXPECT_EQ(onOtherThread([&] { return lock.trylock(); }), -1);
-    lock.unlock();
-}
-
-TEST(SpinLock, TimedLockGivesUpAfterItsTimeout)
-{
-    SpinLock lock;
-    ASSERT_EQ(lock.lock(), 0);
-    int result = 0;
-    const double ms = elapsedMs([&] { result = onOtherThread([&] { return lock.lock(100); }); });
-    EXPECT_EQ(result, -1);
-    EXPECT_GE(ms, 80.0);  // it did wait, rather than fail at once
-    EXPECT_LT(ms, 5000.0);
-    // The failed attempt left the lock with its owner.
-    EXPECT_EQ(lock.unlock(), 0);
-    EXPECT_TRUE(freeForOthers(lock));
-}
-
-TEST(SpinLock, TimedLockSucceedsWhenReleasedInTime)
-{
-    SpinLock lock;
-    Semaphore waiting(0);
-    ASSERT_EQ(lock.lock(), 0);
-    int result = -2;
-    std::thread t([&] {
-        waiting.post();
-        result = lock.lock(10000);
-        if (result == 0)
-            lock.unlock();
-    });
-    waiting.wait();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    lock.unlock();
-    t.join();
-    EXPECT_EQ(result, 0);
+  // Taking over a free lock releases nothing, and the lock still works.
+  EXPECT_EQ(lock.stealOwnership(), System::getCurrentThread());
+  EXPECT_EQ(lock.unlock(), 0);
+  EXPECT_EQ(lock.unlock(), -1);
+  EXPECT_EQ(lock.lock(), 0);
+  expectHeldLevels(lock, 1);
 }
 
 // A thread releasing a mutex it did not lock is what forceUnlock and
 // stealOwnership are for; ThreadSanitizer reports every such release of a
-// pthread mutex, so these cases run in the other builds only.
+// pthread mutex, so this case runs in the other builds only.
+TEST(SpinLock, ForceUnlockAndStealOwnershipOfAnotherThreadsLock) {
 #if defined(KESTREL_TSAN)
-#define SKIP_CROSS_THREAD_RELEASE() GTEST_SKIP() << "cross-thread mutex release is reported by TSan"
-#else
-#define SKIP_CROSS_THREAD_RELEASE() (void)0
+  GTEST_SKIP() << "cross-thread mutex release is reported by TSan";
 #endif
+  SpinLock lock;
+  Semaphore locked(0), released(0);
+  int holderUnlock = 0;
+  std::thread holder([&] {
+    lock.lock();
+    lock.lock();
+    locked.post();
+    released.wait();
+    holderUnlock = lock.unlock();  // no longer the owner
+  });
+  locked.wait();
+  EXPECT_EQ(lock.forceUnlock(), 0);  // one of two levels
+  expectHeldLevels(lock, 1);         // the caller is the owner now
+  released.post();
+  holder.join();
+  EXPECT_EQ(holderUnlock, -1);
 
-TEST(SpinLock, ForceUnlockReleasesOneLevelOfAnotherThreadsLock)
-{
-    SKIP_CROSS_THREAD_RELEASE();
-    SpinLock lock;
-    Semaphore locked(0), released(0);
-    int holderUnlock = 0;
-    std::thread holder([&] {
-        lock.lock();
-        lock.lock();
-        locked.post();
-        released.wait();
-        holderUnlock = lock.unlock();  // no longer the owner
-    });
-    locked.wait();
-    EXPECT_EQ(lock.forceUnlock(), 0);  // one of two levels
-    EXPECT_EQ(onOtherThread([&] { return lock.trylock(); }), -1);
-    EXPECT_EQ(lock.unlock(), 0);  // the caller is the owner now
-    EXPECT_TRUE(freeForOthers(lock));
-    released.post();
-    holder.join();
-    EXPECT_EQ(holderUnlock, -1);
+  // The heir of a held lock can release it; the old owner cannot.
+  ASSERT_EQ(lock.lock(), 0);
+  ThreadHandle heir = 0, stolen = 0;
+  EXPECT_EQ(onOtherThread([&] {
+              heir = System::getCurrentThread();
+              stolen = lock.stealOwnership();
+              return lock.unlock();
+            }),
+            0);
+  EXPECT_EQ(stolen, heir);
+  EXPECT_EQ(lock.unlock(), -1);
+  EXPECT_TRUE(freeForOthers(lock));
 }
 
-TEST(SpinLock, StealOwnershipLetsTheHeirOfAHeldLockReleaseIt)
-{
-    SKIP_CROSS_THREAD_RELEASE();
-    SpinLock lock;
-    ASSERT_EQ(lock.lock(), 0);
-    kestrel::ThreadHandle heir = 0, stolen = 0;
-    int unlocked = -2;
-    std::thread t([&] {
-        heir = kestrel::System::getCurrentThread();
-        stolen = lock.stealOwnership();
-        unlocked = lock.unlock();
-    });
-    t.join();
-    EXPECT_EQ(stolen, heir);
-    EXPECT_EQ(unlocked, 0);
-    EXPECT_EQ(lock.unlock(), -1);  // this thread lost ownership
-    EXPECT_TRUE(freeForOthers(lock));
-}
-
-TEST(SpinLock, TakingOverAFreeLockReleasesNothing)
-{
-    SpinLock lock;
-    EXPECT_EQ(lock.stealOwnership(), kestrel::System::getCurrentThread());
-    EXPECT_EQ(lock.unlock(), 0);
-    EXPECT_EQ(lock.unlock(), -1);  // no owner any more
-    // The lock still works normally.
-    EXPECT_EQ(lock.lock(), 0);
-    EXPECT_FALSE(freeForOthers(lock));
-    EXPECT_EQ(lock.unlock(), 0);
-    EXPECT_TRUE(freeForOthers(lock));
-}
-
-TEST(SpinLock, ExcludesUnderContention)
-{
-    SpinLock lock;
-    long counter = 0;  // deliberately plain: only the lock protects it
-    int inside = 0;
-    std::atomic<int> overlaps{0};
-    const int threads = 8;
-    const int rounds = 2000 * kStress;
-    runThreads(threads, [&](int index) {
-        for (int i = 0; i < rounds; ++i) {
-            int rc;
-            switch ((index + i) % 3) {
-            case 0:
-                rc = lock.lock();
-                break;
-            case 1:
-                while ((rc = lock.trylock()) != 0) {
-                }
-                break;
-            default:
-                while ((rc = lock.lock(5)) != 0) {
-                }
-                break;
-            }
-            ASSERT_EQ(rc, 0);
-            if (++inside != 1)
-                overlaps.fetch_add(1);
-            if (i % 7 == 0) {  // recursive re-entry in the middle
-                CSMutex again(lock);
-                ++counter;
-            } else {
-                ++counter;
-            }
-            --inside;
-            ASSERT_EQ(lock.unlock(), 0);
-        }
-    });
-    EXPECT_EQ(counter, static_cast<long>(threads) * rounds);
-    EXPECT_EQ(overlaps.load(), 0);
-    EXPECT_TRUE(freeForOthers(lock));
-}
-
-// ---------------------------------------------------------------------------
-// Conditional
-// ---------------------------------------------------------------------------
-
-TEST(Conditional, HandsWorkFromProducersToConsumers)
-{
-    SpinLock lock;
-    Conditional changed;
-    std::deque<int> queue;
-    const int producers = 3, consumers = 3;
-    const int items = 500 * kStress;
-    int produced = 0, closed = 0;
-    long long consumedSum = 0;
-    int consumedCount = 0;
-
-    std::vector<std::thread> threads;
-    for (int c = 0; c < consumers; ++c) {
-        threads.emplace_back([&] {
-            for (;;) {
-                CSMutex hold(lock);
-                while (queue.empty() && closed < producers)
-                    ASSERT_EQ(changed.wait(lock), 0);
-                if (queue.empty())
-                    return;
-                consumedSum += queue.front();
-                ++consumedCount;
-                queue.pop_front();
-            }
-        });
+TEST(Conditional, HandsWorkFromProducersToConsumers) {
+  // The producers take the lock every way there is, and re-enter it.
+  SpinLock lock;
+  Conditional changed;
+  std::deque<int> queue;  // deliberately plain: only the lock protects it
+  const int producers = 3, items = 500 * kStress;
+  int closed = 0, consumedCount = 0;
+  long long consumedSum = 0;
+  runThreads(6, [&](int index) {
+    while (index < 3) {  // a consumer
+      CSMutex hold(lock);
+      while (queue.empty() && closed < producers) ASSERT_EQ(changed.wait(lock), 0);
+      if (queue.empty()) return;
+      consumedSum += queue.front();
+      ++consumedCount;
+      queue.pop_front();
     }
-    for (int p = 0; p < producers; ++p) {
-        threads.emplace_back([&] {
-            for (int i = 1; i <= items; ++i) {
-                CSMutex hold(lock);
-                queue.push_back(i);
-                ++produced;
-                changed.signal();
-            }
-            CSMutex hold(lock);
-            ++closed;
-            changed.broadcast();
-        });
+    for (int i = 1; i <= items; ++i) {
+      while ((i % 3 == 0 ? lock.lock() : i % 3 == 1 ? lock.trylock() : lock.lock(5)) != 0) {
+      }
+      CSMutex again(lock);
+      queue.push_back(i);
+      changed.signal();
+      ASSERT_EQ(lock.unlock(), 0);
     }
-    for (std::thread& t : threads)
-        t.join();
-    EXPECT_EQ(consumedCount, producers * items);
-    EXPECT_EQ(consumedSum, static_cast<long long>(producers) * items * (items + 1) / 2);
+    CSMutex hold(lock);
+    ++closed;
+    changed.broadcast();
+  });
+  EXPECT_EQ(consumedCount, producers * items);
+  EXPECT_EQ(consumedSum, static_cast<long long>(producers) * items * (items + 1) / 2);
+  EXPECT_TRUE(freeForOthers(lock));
 }
 
-TEST(Conditional, WaitReleasesTheWholeHoldAndRestoresIt)
-{
-    SpinLock lock;
-    Conditional cond;
-    bool flag = false;
-    ASSERT_EQ(lock.lock(), 0);
-    ASSERT_EQ(lock.lock(), 0);  // held twice across the wait
-    std::thread signaller([&] {
-        CSMutex hold(lock);  // only possible while the waiter sleeps
-        flag = true;
-        cond.signal();
-    });
-    while (!flag)
-        ASSERT_EQ(cond.wait(lock), 0);
-    signaller.join();
-    EXPECT_FALSE(freeForOthers(lock));
-    EXPECT_EQ(lock.unlock(), 0);
-    EXPECT_FALSE(freeForOthers(lock));
-    EXPECT_EQ(lock.unlock(), 0);
-    EXPECT_TRUE(freeForOthers(lock));
+TEST(Conditional, WaitsReleaseTheWholeHoldAndRestoreIt) {
+  SpinLock lock;
+  Conditional cond;
+  EXPECT_EQ(cond.wait(lock), -1);  // without holding the lock
+  EXPECT_EQ(cond.timedwait(lock, 10), -1);
+  ASSERT_EQ(lock.lock(), 0);
+  ASSERT_EQ(lock.lock(), 0);  // held twice across the waits
+  int result = 0;
+  EXPECT_GE(elapsedMs([&] { result = cond.timedwait(lock, 60); }), 40.0);
+  EXPECT_EQ(result, -1);
+  bool flag = false;
+  std::thread signaller([&] {
+    CSMutex hold(lock);  // only possible while the waiter sleeps
+    flag = true;
+    cond.signal();
+  });
+  while (!flag && (result = cond.timedwait(lock, 10000)) == 0) {
+  }
+  EXPECT_EQ(result, 0);
+  signaller.join();
+  expectHeldLevels(lock, 2);
 }
 
-TEST(Conditional, TimedwaitTimesOutHoldingTheLockAgain)
-{
-    SpinLock lock;
-    Conditional cond;
-    ASSERT_EQ(lock.lock(), 0);
-    int result = 0;
-    const double ms = elapsedMs([&] { result = cond.timedwait(lock, 60); });
-    EXPECT_EQ(result, -1);
-    EXPECT_GE(ms, 40.0);
-    EXPECT_LT(ms, 5000.0);
-    EXPECT_FALSE(freeForOthers(lock));
-    EXPECT_EQ(lock.unlock(), 0);
-    EXPECT_EQ(lock.unlock(), -1);
+TEST(Conditional, DeadlineCarriesMicrosecondsAndKeepsTheThirtyTwoBitSum) {
+  // now (s, us), timeout (ms) -> deadline (s, ns)
+  const std::int64_t cases[][5] = {
+      {12, 900000, 1500, 14, 400000000},
+      {5, 999999, 1, 6, 999000},
+      {4102444800LL, 500000, 2500, 4102444803LL, 0},     // past 2038
+      {1000000, 0, 2147483, 1000000 + 2147, 483000000},  // largest 32-bit sum
+      {1000000, 0, 2147484, 997852, 516704000},          // one more wraps into the past
+  };
+  for (const auto& c : cases) {
+    const auto d = detail::conditionalDeadline(c[0], static_cast<long>(c[1]),
+                                               static_cast<unsigned long>(c[2]));
+    EXPECT_EQ(d.seconds, c[3]) << c[2];
+    EXPECT_EQ(d.nanoseconds, c[4]) << c[2];
+  }
 }
 
-TEST(Conditional, TimedwaitReturnsZeroWhenSignalled)
-{
-    SpinLock lock;
-    Conditional cond;
-    bool flag = false;
-    ASSERT_EQ(lock.lock(), 0);
-    std::thread signaller([&] {
-        CSMutex hold(lock);
-        flag = true;
-        cond.broadcast();
-    });
-    int result = 0;
-    while (!flag && (result = cond.timedwait(lock, 10000)) == 0) {
-    }
-    EXPECT_EQ(result, 0);
-    EXPECT_TRUE(flag);
-    lock.unlock();
-    signaller.join();
-}
+TEST(Semaphore, TrywaitAttemptsAndCounts) {
+  Semaphore sem(1);
+  EXPECT_EQ(sem.trywait(0), -1);  // deliberate: no attempt, not even with a unit there
+  EXPECT_EQ(sem.trywait(1), 0);
+  int result = 0;
+  EXPECT_GE(elapsedMs([&] { result = sem.trywait(3); }), 3.0);  // about 1 ms per attempt
+  EXPECT_EQ(result, -1);
 
-TEST(Conditional, WaitWithoutHoldingTheLockFails)
-{
-    SpinLock lock;
-    Conditional cond;
-    EXPECT_EQ(cond.wait(lock), -1);
-    EXPECT_EQ(cond.timedwait(lock, 10), -1);
-    EXPECT_EQ(cond.signal(), 0);
-    EXPECT_EQ(cond.broadcast(), 0);
-}
-
-TEST(Conditional, DeadlineCarriesMicrosecondsAndKeepsTheThirtyTwoBitSum)
-{
-    using kestrel::detail::conditionalDeadline;
-    // 12.9 s + 1500 ms = 14.4 s.
-    auto d = conditionalDeadline(12, 900000, 1500);
-    EXPECT_EQ(d.seconds, 14);
-    EXPECT_EQ(d.nanoseconds, 400000000);
-    d = conditionalDeadline(5, 999999, 1);
-    EXPECT_EQ(d.seconds, 6);
-    EXPECT_EQ(d.nanoseconds, 999000);
-    // Wall-clock seconds past 2038 stay exact.
-    d = conditionalDeadline(4102444800LL, 500000, 2500);
-    EXPECT_EQ(d.seconds, 4102444803LL);
-    EXPECT_EQ(d.nanoseconds, 0);
-    // The largest timeout whose microseconds fit a signed 32-bit sum...
-    d = conditionalDeadline(1000000, 0, 2147483);
-    EXPECT_EQ(d.seconds, 1000000 + 2147);
-    EXPECT_EQ(d.nanoseconds, 483000000);
-    // ...and one step further wraps into the past, still a valid time.
-    d = conditionalDeadline(1000000, 0, 2147484);
-    EXPECT_LT(d.seconds, 1000000);
-    EXPECT_GE(d.nanoseconds, 0);
-    EXPECT_LT(d.nanoseconds, 1000000000);
-}
-
-// ---------------------------------------------------------------------------
-// Semaphore
-// ---------------------------------------------------------------------------
-
-TEST(Semaphore, TrywaitZeroMakesNoAttempt)
-{
-    Semaphore sem(1);
-    EXPECT_EQ(sem.trywait(0), -1);  // deliberate: not even with a unit there
-    EXPECT_EQ(sem.trywait(), 0);    // the unit is still there
-    EXPECT_EQ(sem.trywait(), -1);
-    Semaphore empty(0);
-    EXPECT_EQ(empty.trywait(0), -1);
-}
-
-TEST(Semaphore, TrywaitAttemptsPollsAboutAMillisecondEach)
-{
-    Semaphore sem(0);
-    int result = 0;
-    const double ms = elapsedMs([&] { result = sem.trywait(3); });
-    EXPECT_EQ(result, -1);
-    EXPECT_GE(ms, 3.0);
-    EXPECT_LT(ms, 5000.0);
-    // A unit posted while it polls is taken.
-    std::thread poster([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        sem.post();
-    });
+  // A unit posted while it polls is taken; trywait(-1) blocks until a post.
+  std::atomic<int> returned{0};
+  std::thread waiter([&] {
     EXPECT_EQ(sem.trywait(100000), 0);
-    poster.join();
+    returned = 1;
+    EXPECT_EQ(sem.trywait(-1), 0);
+    returned = 2;
+  });
+  EXPECT_EQ(sem.post(), 0);
+  ASSERT_TRUE(waitUntil([&] { return returned.load() == 1; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(returned.load(), 1);
+  EXPECT_EQ(sem.post(), 0);
+  waiter.join();
+  EXPECT_EQ(sem.trywait(), -1);
+
+  Semaphore full(Semaphore::kMaxCount);
+  EXPECT_EQ(full.post(), -1);  // overflow
+  EXPECT_EQ(full.wait(), 0);
+  EXPECT_EQ(full.post(), 0);
+  // Initial counts outside 0 .. kMaxCount are clamped.
+  EXPECT_EQ(Semaphore(-5).trywait(), -1);
+  EXPECT_EQ(Semaphore(Semaphore::kMaxCount + 10L).post(), -1);
 }
 
-TEST(Semaphore, TrywaitNegativeBlocksUntilPost)
-{
-    Semaphore sem(0);
-    std::atomic<bool> returned{false};
-    int result = -2;
-    std::thread waiter([&] {
-        result = sem.trywait(-1);
-        returned = true;
-    });
+TEST(Barrier, OfOnePartyReturnsAtOnceAndEarlyPartiesWaitForTheLast) {
+  Barrier one(1), none(0);  // 0 counts as one party
+  EXPECT_TRUE(one.enter() == 0 && one.enter() == 0 && none.enter() == 0 && none.enter() == 0);
+  Barrier barrier(3);
+  for (int cycle = 0; cycle < 2; ++cycle) {
+    std::atomic<int> returned{0};
+    std::thread early([&] { runThreads(2, [&](int) { returned += barrier.enter() == 0; }); });
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_FALSE(returned.load());
-    EXPECT_EQ(sem.post(), 0);
-    waiter.join();
-    EXPECT_EQ(result, 0);
+    EXPECT_EQ(returned.load(), 0) << "cycle " << cycle;
+    EXPECT_EQ(barrier.enter(), 0);
+    early.join();
+    EXPECT_EQ(returned.load(), 2);
+  }
 }
 
-TEST(Semaphore, CountsUnitsUpToTheMaximum)
-{
-    Semaphore sem(2);
-    EXPECT_EQ(sem.post(), 0);
-    EXPECT_EQ(sem.wait(), 0);
-    EXPECT_EQ(sem.trywait(), 0);
-    EXPECT_EQ(sem.trywait(1), 0);
-    EXPECT_EQ(sem.trywait(), -1);
-
-    Semaphore full(Semaphore::kMaxCount);
-    EXPECT_EQ(full.post(), -1);  // overflow
-    EXPECT_EQ(full.trywait(), 0);
-    EXPECT_EQ(full.post(), 0);
-    EXPECT_EQ(full.post(), -1);
-
-    // Initial counts outside 0 .. kMaxCount are clamped.
-    Semaphore negative(-5);
-    EXPECT_EQ(negative.trywait(), -1);
-    Semaphore huge(Semaphore::kMaxCount + 10L);
-    EXPECT_EQ(huge.post(), -1);
-}
-
-TEST(Semaphore, LosesNoUnitsUnderContention)
-{
-    Semaphore sem(0);
-    const int pairs = 4;
-    const int units = 2000 * kStress;
-    std::atomic<long> taken{0};
-    runThreads(pairs * 2, [&](int index) {
-        for (int i = 0; i < units; ++i) {
-            if (index % 2 == 0) {
-                ASSERT_EQ(sem.post(), 0);
-            } else {
-                if (i % 2 == 0)
-                    ASSERT_EQ(sem.wait(), 0);
-                else
-                    ASSERT_EQ(sem.trywait(-1), 0);
-                taken.fetch_add(1);
-            }
-        }
-    });
-    EXPECT_EQ(taken.load(), static_cast<long>(pairs) * units);
-    EXPECT_EQ(sem.trywait(), -1);
-}
-
-// ---------------------------------------------------------------------------
-// Barrier
-// ---------------------------------------------------------------------------
-
-TEST(Barrier, OfOnePartyReturnsAtOnce)
-{
-    Barrier one(1);
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(one.enter(), 0);
-    Barrier none(0);  // counts as one party
-    EXPECT_EQ(none.enter(), 0);
-}
-
-TEST(Barrier, EarlyPartiesWaitForTheLast)
-{
-    Barrier barrier(3);
-    for (int cycle = 0; cycle < 2; ++cycle) {
-        std::atomic<int> returned{0};
-        int results[2] = {-2, -2};
-        std::thread a([&] { results[0] = barrier.enter(); returned.fetch_add(1); });
-        std::thread b([&] { results[1] = barrier.enter(); returned.fetch_add(1); });
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        EXPECT_EQ(returned.load(), 0) << "cycle " << cycle;
-        EXPECT_EQ(barrier.enter(), 0);
-        a.join();
-        b.join();
-        EXPECT_EQ(returned.load(), 2);
-        EXPECT_EQ(results[0], 0);
-        EXPECT_EQ(results[1], 0);
+TEST(Barrier, KeepsManyThreadsInStepOverManyCycles) {
+  const int parties = 8;
+  Barrier barrier(parties);
+  std::vector<std::atomic<int>> arrivals(300 * kStress);
+  std::atomic<int> outOfStep{0};
+  runThreads(parties, [&](int) {
+    for (auto& arrived : arrivals) {
+      arrived.fetch_add(1);
+      ASSERT_EQ(barrier.enter(), 0);
+      outOfStep += arrived.load() != parties;  // all arrived before anyone leaves
     }
-}
-
-TEST(Barrier, KeepsManyThreadsInStepOverManyCycles)
-{
-    const int parties = 8;
-    const int cycles = 300 * kStress;
-    Barrier barrier(parties);
-    std::vector<std::atomic<int>> arrivals(static_cast<size_t>(cycles));
-    std::atomic<int> outOfStep{0};
-    runThreads(parties, [&](int) {
-        for (int c = 0; c < cycles; ++c) {
-            arrivals[static_cast<size_t>(c)].fetch_add(1);
-            ASSERT_EQ(barrier.enter(), 0);
-            // Nobody leaves a cycle before every party has arrived in it.
-            if (arrivals[static_cast<size_t>(c)].load() != parties)
-                outOfStep.fetch_add(1);
-        }
-    });
-    EXPECT_EQ(outOfStep.load(), 0);
+  });
+  EXPECT_EQ(outOfStep.load(), 0);
 }
 
 namespace {
 
 // A thread sent SIGUSR1 sits in this handler until thawed, wherever it was,
 // for instance asleep in a barrier with its wake-up already posted.
-std::atomic<bool> sFrozen{false};
-std::atomic<bool> sThaw{false};
+std::atomic<bool> sFrozen{false}, sThaw{false};
 
-void freezeUntilThawed(int)
-{
-    sFrozen.store(true);
-    while (!sThaw.load()) {
-        const timespec oneMs{0, 1000000L};
-        nanosleep(&oneMs, nullptr);
-    }
+void freezeUntilThawed(int) {
+  sFrozen = true;
+  const timespec oneMs{0, 1000000L};
+  while (!sThaw.load()) nanosleep(&oneMs, nullptr);
 }
 
 }  // namespace
 
-TEST(Barrier, AWakeUpBelongsToTheCycleItWasPostedFor)
-{
-    // A is the early party of cycle 1 and is held up while its wake-up is
-    // pending; B, the last party, leaves and enters cycle 2 at once. B must
-    // wait there for A instead of taking A's wake-up and leaving alone.
-    struct sigaction freeze = {}, previous = {};
-    freeze.sa_handler = freezeUntilThawed;
-    sigemptyset(&freeze.sa_mask);
-    ASSERT_EQ(sigaction(SIGUSR1, &freeze, &previous), 0);
-    sFrozen = false;
-    sThaw = false;
-
-    Barrier barrier(2);
-    std::atomic<int> aCycles{0}, bCycles{0};
-    std::thread a([&] {
-        for (int i = 0; i < 2; ++i) {
-            barrier.enter();
-            aCycles.fetch_add(1);
-        }
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // A waits in cycle 1
-    pthread_kill(a.native_handle(), SIGUSR1);
-    ASSERT_TRUE(kestrel_test::waitUntil([] { return sFrozen.load(); }));
-    std::thread b([&] {
-        for (int i = 0; i < 2; ++i) {
-            barrier.enter();
-            bCycles.fetch_add(1);
-        }
-    });
-    ASSERT_TRUE(kestrel_test::waitUntil([&] { return bCycles.load() >= 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    const int bEarly = bCycles.load();
-    EXPECT_EQ(bEarly, 1) << "B left cycle 2 on A's wake-up of cycle 1";
-    EXPECT_EQ(aCycles.load(), 0);
-    sThaw = true;
-    if (bEarly == 2) {  // the fault: A's wake-up is gone; see A through both cycles
-        for (int cycle = 1; cycle <= 2; ++cycle) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // A asleep again
-            barrier.enter();
-            kestrel_test::waitUntil([&] { return aCycles.load() >= cycle; });
-        }
-    }
-    a.join();
-    b.join();
-    EXPECT_EQ(aCycles.load(), 2);
-    EXPECT_EQ(bCycles.load(), 2);
-    sigaction(SIGUSR1, &previous, nullptr);
+TEST(Barrier, AWakeUpBelongsToTheCycleItWasPostedFor) {
+  // A is the early party of cycle 1 and is held up while its wake-up is
+  // pending; B, the last party, leaves and enters cycle 2 at once. B must
+  // wait there for A instead of taking A's wake-up and leaving alone.
+  struct sigaction freeze = {}, previous = {};
+  freeze.sa_handler = freezeUntilThawed;
+  sigemptyset(&freeze.sa_mask);
+  ASSERT_EQ(sigaction(SIGUSR1, &freeze, &previous), 0);
+  sFrozen = sThaw = false;
+  Barrier barrier(2);
+  std::atomic<int> aCycles{0}, bCycles{0};
+  const auto twoCycles = [&](std::atomic<int>* cycles) {
+    for (int i = 0; i < 2; ++i) *cycles += barrier.enter() == 0;
+  };
+  std::thread a(twoCycles, &aCycles);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // A waits in cycle 1
+  pthread_kill(a.native_handle(), SIGUSR1);
+  ASSERT_TRUE(waitUntil([] { return sFrozen.load(); }));
+  std::thread b(twoCycles, &bCycles);
+  ASSERT_TRUE(waitUntil([&] { return bCycles.load() >= 1; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  const int bEarly = bCycles.load();
+  EXPECT_EQ(bEarly, 1) << "B left cycle 2 on A's wake-up of cycle 1";
+  EXPECT_EQ(aCycles.load(), 0);
+  sThaw = true;
+  for (int cycle = 1; bEarly == 2 && cycle <= 2; ++cycle) {      // the fault: see A through
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // A asleep again
+    barrier.enter();
+    waitUntil([&] { return aCycles.load() >= cycle; });
+  }
+  a.join();
+  b.join();
+  EXPECT_EQ(aCycles.load(), 2);
+  EXPECT_EQ(bCycles.load(), 2);
+  sigaction(SIGUSR1, &previous, nullptr);
 }
 
-TEST(Barrier, CyclesAreFormedByWhoeverArrives)
-{
-    // Six threads share a barrier of three. Each entry takes a ticket first,
-    // and the number of tickets is a multiple of three, so every entry finds
-    // its cycle however the threads interleave.
-    Barrier barrier(3);
-    std::atomic<int> tickets{3 * 200 * kStress};
-    std::atomic<int> passed{0};
-    runThreads(6, [&](int) {
-        while (tickets.fetch_sub(1) > 0) {
-            ASSERT_EQ(barrier.enter(), 0);
-            passed.fetch_add(1);
-        }
-    });
-    EXPECT_EQ(passed.load(), 3 * 200 * kStress);
+namespace {
+
+// Runs body(index) on `count` threads released at the same moment; returns
+// the distinct locks the bodies returned.
+std::set<SpinLock*> race(int count, const std::function<SpinLock*()>& body) {
+  std::atomic<int> arrived{0};
+  std::vector<SpinLock*> seen(static_cast<size_t>(count), nullptr);
+  runThreads(count, [&](int index) {
+    for (arrived.fetch_add(1); arrived.load() < count;) std::this_thread::yield();
+    seen[static_cast<size_t>(index)] = body();
+  });
+  return {seen.begin(), seen.end()};
 }
 
-// ---------------------------------------------------------------------------
-// TestThenAdd
-// ---------------------------------------------------------------------------
+}  // namespace
 
-TEST(TestThenAdd, ReturnsTheValueBeforeTheAddition)
-{
-    long volatile x = 2;
-    EXPECT_EQ(kestrel::TestThenAdd(&x, 5), 2);
-    EXPECT_EQ(x, 7);
-    EXPECT_EQ(kestrel::TestThenAdd(&x, -10), 7);
-    EXPECT_EQ(x, -3);
+// Under ctest every test runs in a process of its own, so this is the first
+// use of the lock: the threads race to create it.
+TEST(GlobalLock, ThreadsRacingTheFirstLockShareOneLock) {
+  int inside = 0;
+  std::atomic<int> overlaps{0};
+  const std::set<SpinLock*> seen = race(16, [&] {
+    EXPECT_EQ(GlobalLock::lock(), 0);
+    overlaps += ++inside != 1;
+    std::this_thread::yield();
+    --inside;
+    SpinLock* lock = GlobalLock::gGlobalLock();
+    EXPECT_EQ(GlobalLock::unlock(), 0);
+    return lock;
+  });
+  EXPECT_EQ(seen, std::set<SpinLock*>{GlobalLock::gGlobalLock()});
+  EXPECT_NE(GlobalLock::gGlobalLock(), nullptr);
+  EXPECT_EQ(overlaps.load(), 0);
+}
+
+TEST(BlockMainLock, TrylockFromASecondThreadFailsWhileHeld) {
+  EXPECT_NE(BlockMainLock::gGlobalLock(), nullptr);
+  EXPECT_NE(BlockMainLock::gGlobalLock(), GlobalLock::gGlobalLock());
+  Semaphore held(0), release(0);
+  std::thread holder([&] {
+    EXPECT_EQ(BlockMainLock::trylock(), 0);
+    held.post();
+    release.wait();
+    EXPECT_EQ(BlockMainLock::unlock(), 0);
+  });
+  held.wait();
+  EXPECT_EQ(BlockMainLock::trylock(), -1);
+  EXPECT_EQ(BlockMainLock::unlock(), -1);
+  EXPECT_EQ(GlobalLock::trylock(), 0);  // a different lock
+  EXPECT_EQ(GlobalLock::unlock(), 0);
+  release.post();
+  holder.join();
+  EXPECT_EQ(BlockMainLock::lock(), 0);
+  EXPECT_EQ(BlockMainLock::unlock(), 0);
+}
+
+namespace {
+
+// Creates the lock, counting creations, and widens the window between the
+// election of the creator and the publication of the lock.
+struct CountingFactory {
+  std::atomic<int>* created;
+  SpinLock* operator()() const {
+    created->fetch_add(1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    return new SpinLock(0);
+  }
+};
+
+}  // namespace
+
+// On statics of the test's own, so that creation and shutdown can be
+// repeated from scratch.
+TEST(LazyLock, ExactlyOneThreadCreatesTheLockAndShutdownIsFinal) {
+  for (int round = 0; round < 10 * kStress; ++round) {
+    std::atomic<SpinLock*> lock{nullptr};
+    std::atomic<int> inited{0}, created{0};
+    long volatile interlock = 0;
+    detail::LazyLock<CountingFactory> lazy(lock, inited, interlock, CountingFactory{&created});
+    const auto seen = race(8, [&] {
+      EXPECT_EQ(lazy.lock(), 0);
+      EXPECT_EQ(lazy.unlock(), 0);
+      return lazy.get();
+    });
+    ASSERT_EQ(created.load(), 1) << "round " << round;
+    EXPECT_EQ(seen, std::set<SpinLock*>{lock.load()});
+    EXPECT_EQ(inited.load(), 1);
+    EXPECT_EQ(interlock, 1);  // the creator's add stays, the waiters' are undone
+
+    // Shut down, the lock is gone for good: the operations fail.
+    lazy.shutdown();
+    EXPECT_EQ(lock.load(), nullptr);
+    EXPECT_EQ(inited.load(), 1);
+    EXPECT_EQ(lazy.get(), nullptr);
+    EXPECT_TRUE(lazy.lock() == -1 && lazy.trylock() == -1 && lazy.unlock() == -1);
+    EXPECT_EQ(created.load(), 1);
+    lazy.shutdown();  // a second shutdown has nothing to destroy
+  }
 }

@@ -7,7 +7,6 @@
 #include <kestrel/system.h>
 
 #include <QApplication>
-#include <QElapsedTimer>
 
 #include <gtest/gtest.h>
 
@@ -24,46 +23,36 @@ std::unique_ptr<QApplication> sApplication;
 
 namespace kestrel_test {
 
-QApplication* application()
-{
-    if (!sApplication)
-        sApplication = std::make_unique<QApplication>(sArgc, sArgv);
-    return sApplication.get();
+QApplication* application() {
+  if (!sApplication) sApplication = std::make_unique<QApplication>(sArgc, sArgv);
+  return sApplication.get();
 }
 
-bool processEventsUntil(const std::function<bool()>& done, int timeoutMs)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeoutMs)
-            return done();
+bool processEventsUntil(const std::function<bool()>& done, int timeoutMs) {
+  return waitUntil(
+      [&] {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+        return done();
+      },
+      timeoutMs);
 }
 
-bool waitUntil(const std::function<bool()>& done, int timeoutMs)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return done();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+bool waitUntil(const std::function<bool()>& done, int timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return done();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
 }
 
 }  // namespace kestrel_test
 
-int main(int argc, char** argv)
-{
-    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    kestrel::System::setMainThreadId(kestrel::System::kMainThreadMark);
-    ::testing::InitGoogleTest(&argc, argv);
-    const int result = RUN_ALL_TESTS();
-    sApplication.reset();
-    return result;
+int main(int argc, char** argv) {
+  if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+  kestrel::System::setMainThreadId(kestrel::System::kMainThreadMark);
+  ::testing::InitGoogleTest(&argc, argv);
+  const int result = RUN_ALL_TESTS();
+  sApplication.reset();
+  return result;
 }

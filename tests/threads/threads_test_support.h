@@ -32,22 +32,27 @@ bool processEventsUntil(const std::function<bool()>& done, int timeoutMs = 5000)
 bool waitUntil(const std::function<bool()>& done, int timeoutMs = 5000);
 
 // Milliseconds elapsed while running fn.
-inline double elapsedMs(const std::function<void()>& fn)
-{
-    const auto start = std::chrono::steady_clock::now();
-    fn();
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+inline double elapsedMs(const std::function<void()>& fn) {
+  const auto start = std::chrono::steady_clock::now();
+  fn();
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+      .count();
 }
 
 // Runs body(index) on `count` threads and joins them.
-inline void runThreads(int count, const std::function<void(int)>& body)
-{
-    std::vector<std::thread> threads;
-    threads.reserve(static_cast<size_t>(count));
-    for (int i = 0; i < count; ++i)
-        threads.emplace_back(body, i);
-    for (std::thread& t : threads)
-        t.join();
+inline void runThreads(int count, const std::function<void(int)>& body) {
+  std::vector<std::thread> threads;
+  threads.reserve(static_cast<size_t>(count));
+  for (int i = 0; i < count; ++i) threads.emplace_back(body, i);
+  for (std::thread& t : threads) t.join();
+}
+
+// Runs fn on a new thread, joins it and returns fn's result.
+template <class Fn>
+auto onOtherThread(Fn fn) -> decltype(fn()) {
+  decltype(fn()) result{};
+  std::thread([&] { result = fn(); }).join();
+  return result;
 }
 
 }  // namespace kestrel_test
