@@ -59,13 +59,25 @@ struct Peer {
 };
 
 mspace gMspace = nullptr;
-void* msAlloc(std::size_t n) { return kestrel::mspace_malloc(gMspace, n); }
-void msRelease(void* p) { kestrel::mspace_free(gMspace, p); }
-void* msResize(void* p, std::size_t n) { return kestrel::mspace_realloc(gMspace, p, n); }
+void* msAlloc(std::size_t n) {
+  return kestrel::mspace_malloc(gMspace, n);
+}
+void msRelease(void* p) {
+  kestrel::mspace_free(gMspace, p);
+}
+void* msResize(void* p, std::size_t n) {
+  return kestrel::mspace_realloc(gMspace, p, n);
+}
 
-void* glibcAlloc(std::size_t n) { return std::malloc(n); }
-void glibcRelease(void* p) { std::free(p); }
-void* glibcResize(void* p, std::size_t n) { return std::realloc(p, n); }
+void* glibcAlloc(std::size_t n) {
+  return std::malloc(n);
+}
+void glibcRelease(void* p) {
+  std::free(p);
+}
+void* glibcResize(void* p, std::size_t n) {
+  return std::realloc(p, n);
+}
 
 std::string libraryOf(void* fn) {
   Dl_info info{};
@@ -96,8 +108,8 @@ void* thunkResize(void* p, std::size_t n) {
 
 // Loads a peer library privately; returns false (and says why) if it cannot.
 template <Entry* E>
-bool loadPeer(const char* soname, const char* allocName, const char* releaseName, const char* resizeName,
-              const char* label, std::vector<Peer>& peers) {
+bool loadPeer(const char* soname, const char* allocName, const char* releaseName,
+              const char* resizeName, const char* label, std::vector<Peer>& peers) {
   void* h = dlopen(soname, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
   if (h == nullptr) {
     std::printf("# %s: NOT LOADED (%s); no figures for it in this run\n", label, dlerror());
@@ -131,8 +143,8 @@ bool glibcIsGlibc() {
   const std::size_t after = mallinfo2().uordblks;
   for (void* b : blocks) glibcRelease(b);
   const bool ok = where.find("libc.so") != std::string::npos && after >= before + 256 * 1000;
-  std::printf("# glibc    mallinfo2 in-use grew by %zu bytes for 256 x 1000 B: %s\n", after - before,
-              ok ? "it is glibc" : "NOT glibc");
+  std::printf("# glibc    mallinfo2 in-use grew by %zu bytes for 256 x 1000 B: %s\n",
+              after - before, ok ? "it is glibc" : "NOT glibc");
   return ok;
 }
 
@@ -184,7 +196,9 @@ const Traces& traces() {
   return t;
 }
 
-void touch(void* p) { *static_cast<volatile char*>(p) = 1; }
+void touch(void* p) {
+  *static_cast<volatile char*>(p) = 1;
+}
 
 void smallLifo(benchmark::State& state, const Peer& a) {
   const auto& t = traces();
@@ -196,8 +210,8 @@ void smallLifo(benchmark::State& state, const Peer& a) {
     }
     for (int i = kSmallBlocks - 1; i >= 0; --i) a.release(p[static_cast<std::size_t>(i)]);
   }
-  state.counters["ns_per_op"] =
-      benchmark::Counter(kSmallBlocks, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  state.counters["ns_per_op"] = benchmark::Counter(
+      kSmallBlocks, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 void smallRandom(benchmark::State& state, const Peer& a) {
@@ -210,8 +224,8 @@ void smallRandom(benchmark::State& state, const Peer& a) {
     }
     for (int i : t.smallOrder) a.release(p[static_cast<std::size_t>(i)]);
   }
-  state.counters["ns_per_op"] =
-      benchmark::Counter(kSmallBlocks, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  state.counters["ns_per_op"] = benchmark::Counter(
+      kSmallBlocks, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 // Runs the mixed trace once; `sample` is called after every step.
@@ -236,8 +250,9 @@ void runMixed(const Peer& a, std::vector<void*>& slots, Sample&& sample) {
 void mixed(benchmark::State& state, const Peer& a) {
   std::vector<void*> slots(kMixedSlots);
   for (auto _ : state) runMixed(a, slots, [](int, std::size_t) {});
-  state.counters["ns_per_op"] = benchmark::Counter(
-      kMixedSlots + kMixedSteps, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  state.counters["ns_per_op"] =
+      benchmark::Counter(kMixedSlots + kMixedSteps, benchmark::Counter::kIsIterationInvariantRate |
+                                                        benchmark::Counter::kInvert);
 }
 
 void reallocGrowth(benchmark::State& state, const Peer& a) {
@@ -264,8 +279,9 @@ void reallocGrowth(benchmark::State& state, const Peer& a) {
     }
     for (void* p : b) a.release(p);
   }
-  state.counters["ns_per_op"] = benchmark::Counter(
-      static_cast<double>(ops), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  state.counters["ns_per_op"] =
+      benchmark::Counter(static_cast<double>(ops), benchmark::Counter::kIsIterationInvariantRate |
+                                                       benchmark::Counter::kInvert);
 }
 
 // ---- peak footprint ------------------------------------------------------------
@@ -296,14 +312,16 @@ void* countingMap(unsigned long size, void* ctx) {
 }
 
 void measureFootprint() {
-  std::printf("\n# Peak footprint of the mixed trace (%d slots, %d steps; peak live request bytes %zu)\n", kMixedSlots,
-              kMixedSteps, traces().mixedPeakLive);
+  std::printf(
+      "\n# Peak footprint of the mixed trace (%d slots, %d steps; peak live request bytes %zu)\n",
+      kMixedSlots, kMixedSteps, traces().mixedPeakLive);
   std::vector<void*> slots(kMixedSlots);
 
   // mspace: a 64 KiB caller region, then everything through counting functions.
   static unsigned char base[64 * 1024];
   gCount.live = gCount.peak = sizeof base;
-  mspace m = kestrel::create_mspace_with_base_ca(base, sizeof base, 0, &countingMap, &countingMap, nullptr, &gCount);
+  mspace m = kestrel::create_mspace_with_base_ca(base, sizeof base, 0, &countingMap, &countingMap,
+                                                 nullptr, &gCount);
 #if defined(KESTREL_MSPACE_CHECKS)
   kestrel::internal::mspaceSetUnmapFunction(m, &countingUnmap);
   gCount.unmapsCounted = true;
@@ -317,9 +335,11 @@ void measureFootprint() {
   gMspace = saved;
   kestrel::destroy_mspace(m);
   const std::size_t msPeak = gCount.unmapsCounted ? gCount.peak : info.usmblks;
-  std::printf("# mspace  peak %10zu bytes above start (counting callbacks%s; its own max footprint %zu)\n",
-              msPeak - msBefore, gCount.unmapsCounted ? ", unmaps counted" : ": maps only, peak from max footprint",
-              static_cast<std::size_t>(info.usmblks) - msBefore);
+  std::printf(
+      "# mspace  peak %10zu bytes above start (counting callbacks%s; its own max footprint %zu)\n",
+      msPeak - msBefore,
+      gCount.unmapsCounted ? ", unmaps counted" : ": maps only, peak from max footprint",
+      static_cast<std::size_t>(info.usmblks) - msBefore);
 
   // glibc: sampled arena + mmapped bytes.
   malloc_trim(0);
@@ -333,7 +353,8 @@ void measureFootprint() {
   runMixed(gl, slots, [&](int step, std::size_t size) {
     if (step % 16 == 0 || size >= 16384) gPeak = std::max(gPeak, glibcFootprint());
   });
-  std::printf("# glibc   peak %10zu bytes above start (mallinfo2 arena + hblkhd, sampled)\n", gPeak - gBefore);
+  std::printf("# glibc   peak %10zu bytes above start (mallinfo2 arena + hblkhd, sampled)\n",
+              gPeak - gBefore);
   std::printf("# footprint ratio mspace/glibc = %.3f (target <= 1.0)\n\n",
               static_cast<double>(msPeak - msBefore) / static_cast<double>(gPeak - gBefore));
 }
@@ -363,7 +384,9 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     if (const auto it = median_.find(name); it != median_.end()) return it->second;
     return 0;
   }
-  const char* statistic() const { return fastest_.empty() ? "median of the repetitions" : "fastest repetition"; }
+  const char* statistic() const {
+    return fastest_.empty() ? "median of the repetitions" : "fastest repetition";
+  }
 
  private:
   std::map<std::string, double> fastest_;
@@ -392,7 +415,8 @@ int main(int argc, char** argv) {
   peers.push_back({"mspace", msAlloc, msRelease, msResize});
   std::vector<Peer> loaded;
   loadPeer<&gJemalloc>("libjemalloc.so.2", "malloc", "free", "realloc", "jemalloc", loaded);
-  loadPeer<&gMimalloc>("libmimalloc.so.2", "mi_malloc", "mi_free", "mi_realloc", "mimalloc", loaded);
+  loadPeer<&gMimalloc>("libmimalloc.so.2", "mi_malloc", "mi_free", "mi_realloc", "mimalloc",
+                       loaded);
   // Checked after the others are loaded: loading them must not have replaced it.
   if (glibcIsGlibc()) peers.push_back({"glibc", glibcAlloc, glibcRelease, glibcResize});
   peers.insert(peers.end(), loaded.begin(), loaded.end());
@@ -400,9 +424,13 @@ int main(int argc, char** argv) {
   measureFootprint();
 
   const std::pair<const char*, void (*)(benchmark::State&, const Peer&)> benches[] = {
-      {"small_lifo", smallLifo}, {"small_random", smallRandom}, {"mixed", mixed}, {"realloc_growth", reallocGrowth}};
+      {"small_lifo", smallLifo},
+      {"small_random", smallRandom},
+      {"mixed", mixed},
+      {"realloc_growth", reallocGrowth}};
   for (const auto& [trace, fn] : benches)
-    for (const Peer& p : peers) benchmark::RegisterBenchmark((std::string(trace) + "/" + p.name).c_str(), fn, p);
+    for (const Peer& p : peers)
+      benchmark::RegisterBenchmark((std::string(trace) + "/" + p.name).c_str(), fn, p);
 
   benchmark::Initialize(&argc, argv);
   SummaryReporter reporter;
@@ -414,7 +442,8 @@ int main(int argc, char** argv) {
       reporter.statistic());
   std::printf("%-16s", "trace");
   for (const Peer& p : peers) std::printf("%12s", p.name.c_str());
-  for (std::size_t i = 1; i < peers.size(); ++i) std::printf("%16s", ("vs " + peers[i].name).c_str());
+  for (std::size_t i = 1; i < peers.size(); ++i)
+    std::printf("%16s", ("vs " + peers[i].name).c_str());
   std::printf("\n");
   for (const auto& [trace, fn] : benches) {
     (void)fn;
@@ -424,7 +453,8 @@ int main(int argc, char** argv) {
       ns.push_back(reporter.result(std::string(trace) + "/" + p.name));
       std::printf("%12.2f", ns.back());
     }
-    for (std::size_t i = 1; i < peers.size(); ++i) std::printf("%16.2f", ns[0] > 0 && ns[i] > 0 ? ns[i] / ns[0] : 0.0);
+    for (std::size_t i = 1; i < peers.size(); ++i)
+      std::printf("%16.2f", ns[0] > 0 && ns[i] > 0 ? ns[i] / ns[0] : 0.0);
     std::printf("\n");
   }
   kestrel::destroy_mspace(gMspace);

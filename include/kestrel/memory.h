@@ -58,7 +58,8 @@ inline constexpr int kMspaceMmapThreshold = -3;  // any value; default all bits 
 // Statistics of one mspace, as returned by mspace_mallinfo. Named apart from
 // the C library's struct mallinfo so that both headers can be included.
 struct mspace_mallinfo_record {
-  std::size_t arena;     // bytes of all segments (memory obtained from the system, direct maps excluded)
+  std::size_t
+      arena;  // bytes of all segments (memory obtained from the system, direct maps excluded)
   std::size_t ordblks;   // number of free chunks, the top chunk included
   std::size_t smblks;    // always 0
   std::size_t hblks;     // always 0
@@ -107,7 +108,8 @@ KESTREL_EXPORT mspace create_mspace_with_base(void* base, unsigned long capacity
 // stays default_munmap_func. Null under the same conditions as
 // create_mspace_with_base.
 KESTREL_EXPORT mspace create_mspace_with_base_ca(void* base, unsigned long capacity, int locked,
-                                                 mspace_mmap_func segment_mmap, mspace_mmap_func direct_mmap,
+                                                 mspace_mmap_func segment_mmap,
+                                                 mspace_mmap_func direct_mmap,
                                                  mspace_sbrk_func sbrk, void* context);
 
 // Destroys an mspace: unmaps, through its unmapping function, every segment
@@ -151,13 +153,13 @@ KESTREL_EXPORT void* mspace_memalign(mspace msp, unsigned long alignment, unsign
 // else into a newly allocated array that is itself freeable with mspace_free.
 // n_elements 0 returns `chunks`, or a minimal block when `chunks` is null.
 // Returns null with errno ENOMEM on failure or overflow.
-KESTREL_EXPORT void** mspace_independent_calloc(mspace msp, unsigned long n_elements, unsigned long elem_size,
-                                                void* chunks[]);
+KESTREL_EXPORT void** mspace_independent_calloc(mspace msp, unsigned long n_elements,
+                                                unsigned long elem_size, void* chunks[]);
 
 // As mspace_independent_calloc, but block i has sizes[i] bytes and the
 // blocks are not cleared.
-KESTREL_EXPORT void** mspace_independent_comalloc(mspace msp, unsigned long n_elements, const unsigned long sizes[],
-                                                  void* chunks[]);
+KESTREL_EXPORT void** mspace_independent_comalloc(mspace msp, unsigned long n_elements,
+                                                  const unsigned long sizes[], void* chunks[]);
 
 // Gives memory back through the unmapping function: the part of the top
 // chunk above `pad` bytes (in whole granules, only from a segment the mspace

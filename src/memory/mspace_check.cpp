@@ -49,24 +49,29 @@ class Checker {
     for (bindex_t i = 0; i < kSmallBins; ++i) {
       Chunk* binHead = smallBinAt(ms_, i);
       const bool empty = binHead->fd == binHead;
-      if (empty != (binHead->bk == binHead)) return format("small bin %u: fd and bk disagree on emptiness", i);
+      if (empty != (binHead->bk == binHead))
+        return format("small bin %u: fd and bk disagree on emptiness", i);
       if (empty == smallmapIsMarked(ms_, i))
-        return format("small bin %u is %s but its bitmap bit is %s", i, empty ? "empty" : "non-empty",
-                      empty ? "set" : "clear");
+        return format("small bin %u is %s but its bitmap bit is %s", i,
+                      empty ? "empty" : "non-empty", empty ? "set" : "clear");
       Chunk* prev = binHead;
       size_t steps = 0;
       for (Chunk* chunk = binHead->fd; chunk != binHead; prev = chunk, chunk = chunk->fd) {
         if (++steps > kStepLimit) return format("small bin %u: list does not close", i);
         if (chunk->bk != prev)
           return format("small bin %u: chunk %p has a bad back link", i, static_cast<void*>(chunk));
-        if (!aligned(chunk)) return format("small bin %u: chunk %p is misaligned", i, static_cast<void*>(chunk));
+        if (!aligned(chunk))
+          return format("small bin %u: chunk %p is misaligned", i, static_cast<void*>(chunk));
         if (chunkSize(chunk) != smallIndexToSize(i))
-          return format("small bin %u: chunk %p has size %zu, bin holds %zu", i, static_cast<void*>(chunk),
-                        chunkSize(chunk), smallIndexToSize(i));
-        if (cinuse(chunk)) return format("small bin %u: chunk %p is marked in use", i, static_cast<void*>(chunk));
-        if (++binned_[chunk] != 1) return format("chunk %p is in a bin twice", static_cast<void*>(chunk));
+          return format("small bin %u: chunk %p has size %zu, bin holds %zu", i,
+                        static_cast<void*>(chunk), chunkSize(chunk), smallIndexToSize(i));
+        if (cinuse(chunk))
+          return format("small bin %u: chunk %p is marked in use", i, static_cast<void*>(chunk));
+        if (++binned_[chunk] != 1)
+          return format("chunk %p is in a bin twice", static_cast<void*>(chunk));
       }
-      if (binHead->bk != prev) return format("small bin %u: sentinel back link is not the last chunk", i);
+      if (binHead->bk != prev)
+        return format("small bin %u: sentinel back link is not the last chunk", i);
     }
     return {};
   }
@@ -86,41 +91,51 @@ class Checker {
     return {};
   }
 
-  std::string checkTreeNode(Chunk* node, bindex_t bin, unsigned depth, size_t path, std::unordered_set<size_t>& sizes) {
+  std::string checkTreeNode(Chunk* node, bindex_t bin, unsigned depth, size_t path,
+                            std::unordered_set<size_t>& sizes) {
     if (depth > kTopBit + 1) return format("tree bin %u deeper than the key has bits", bin);
     const size_t size = chunkSize(node);
     if (!aligned(node) || (size & kAlignMask) != 0)
       return format("tree chunk %p is misaligned", static_cast<void*>(node));
     if (cinuse(node)) return format("tree chunk %p is marked in use", static_cast<void*>(node));
     if (node->index != bin || treeIndex(size) != bin)
-      return format("tree chunk %p of size %zu is in bin %u (index field %u, belongs in %u)", static_cast<void*>(node),
-                    size, bin, node->index, treeIndex(size));
+      return format("tree chunk %p of size %zu is in bin %u (index field %u, belongs in %u)",
+                    static_cast<void*>(node), size, bin, node->index, treeIndex(size));
     const size_t key = size << leftShiftForTreeIndex(bin);
     if (depth != 0 && ((key ^ path) >> (kTopBit + 1 - depth)) != 0)
-      return format("tree chunk %p of size %zu is not on the path its size bits route to (depth %u)",
-                    static_cast<void*>(node), size, depth);
-    if (!sizes.insert(size).second) return format("tree bin %u holds two nodes of size %zu", bin, size);
+      return format(
+          "tree chunk %p of size %zu is not on the path its size bits route to (depth %u)",
+          static_cast<void*>(node), size, depth);
+    if (!sizes.insert(size).second)
+      return format("tree bin %u holds two nodes of size %zu", bin, size);
     // The ring of equal-size chunks behind this node.
     Chunk* prev = node;
     size_t steps = 0;
     for (Chunk* member = node->fd;; prev = member, member = member->fd) {
-      if (++steps > kStepLimit) return format("tree chunk %p: ring does not close", static_cast<void*>(node));
+      if (++steps > kStepLimit)
+        return format("tree chunk %p: ring does not close", static_cast<void*>(node));
       if (member->bk != prev)
-        return format("tree ring at %p: bad back link at %p", static_cast<void*>(node), static_cast<void*>(member));
+        return format("tree ring at %p: bad back link at %p", static_cast<void*>(node),
+                      static_cast<void*>(member));
       if (member == node) break;
       if (chunkSize(member) != size || cinuse(member) || member->parent != nullptr)
-        return format("tree ring at %p: member %p has size %zu, in-use %d or a parent", static_cast<void*>(node),
-                      static_cast<void*>(member), chunkSize(member), cinuse(member) ? 1 : 0);
-      if (++binned_[member] != 1) return format("chunk %p is in a bin twice", static_cast<void*>(member));
+        return format("tree ring at %p: member %p has size %zu, in-use %d or a parent",
+                      static_cast<void*>(node), static_cast<void*>(member), chunkSize(member),
+                      cinuse(member) ? 1 : 0);
+      if (++binned_[member] != 1)
+        return format("chunk %p is in a bin twice", static_cast<void*>(member));
     }
     if (++binned_[node] != 1) return format("chunk %p is in a bin twice", static_cast<void*>(node));
     for (unsigned side = 0; side < 2; ++side) {
       Chunk* child = node->child[side];
       if (child == nullptr) continue;
       if (child->parent != node)
-        return format("tree chunk %p: child %u does not point back", static_cast<void*>(node), side);
+        return format("tree chunk %p: child %u does not point back", static_cast<void*>(node),
+                      side);
       const size_t childPath = path | (size_t{side} << (kTopBit - depth));
-      if (std::string error = checkTreeNode(child, bin, depth + 1, childPath, sizes); !error.empty()) return error;
+      if (std::string error = checkTreeNode(child, bin, depth + 1, childPath, sizes);
+          !error.empty())
+        return error;
     }
     return {};
   }
@@ -138,10 +153,12 @@ class Checker {
     }
     Chunk* top = ms_->top;
     if (top->head != (ms_->topsize | kPinuse))
-      return format("top head %#zx does not say size %zu with the previous chunk in use", top->head, ms_->topsize);
+      return format("top head %#zx does not say size %zu with the previous chunk in use", top->head,
+                    ms_->topsize);
     if (!aligned(top)) return "top is misaligned";
     if (!segmentHolds(&ms_->seg, top)) return "top is not in the head segment";
-    if (reinterpret_cast<char*>(top) + ms_->topsize + kTopFootSize != alignDown(ms_->seg.base + ms_->seg.size))
+    if (reinterpret_cast<char*>(top) + ms_->topsize + kTopFootSize !=
+        alignDown(ms_->seg.base + ms_->seg.size))
       return "top is not the last chunk of its segment";
     if (binned_.count(top) != 0) return "top is in a bin";
     return {};
@@ -156,7 +173,8 @@ class Checker {
       if (isMappedSegment(segment) == isExternSegment(segment))
         return format("segment %p: flags %#x", static_cast<void*>(segment->base), segment->flags);
       for (Segment* other = segment->next; other != nullptr; other = other->next)
-        if (other->base < segment->base + segment->size && segment->base < other->base + other->size)
+        if (other->base < segment->base + segment->size &&
+            segment->base < other->base + other->size)
           return format("segments %p and %p overlap", static_cast<void*>(segment->base),
                         static_cast<void*>(other->base));
       if (segment != &ms_->seg && !segmentHolds(segment, segment))
@@ -174,7 +192,8 @@ class Checker {
     Chunk* last = nullptr;
     for (;;) {
       if (reinterpret_cast<char*>(chunk) + kMemOffset > end)
-        return format("segment %p: chunk walk runs past the end", static_cast<void*>(segment->base));
+        return format("segment %p: chunk walk runs past the end",
+                      static_cast<void*>(segment->base));
       if (chunk == ms_->top) {
         if (segment != &ms_->seg) return "top found in a segment other than the head";
         if (prevFree) return format("free chunk %p is followed by top", static_cast<void*>(last));
@@ -184,18 +203,23 @@ class Checker {
       const size_t size = chunkSize(chunk);
       if (!aligned(chunk) || (size & kAlignMask) != 0 || size < kMinChunkSize)
         return format("chunk %p: misaligned or bad size %zu", static_cast<void*>(chunk), size);
-      if (isMapped(chunk)) return format("chunk %p inside a segment is marked mapped", static_cast<void*>(chunk));
+      if (isMapped(chunk))
+        return format("chunk %p inside a segment is marked mapped", static_cast<void*>(chunk));
       if (pinuse(chunk) == prevFree)
-        return format("chunk %p: PINUSE is %s but the previous chunk is %s", static_cast<void*>(chunk),
-                      pinuse(chunk) ? "set" : "clear", prevFree ? "free" : "in use");
+        return format("chunk %p: PINUSE is %s but the previous chunk is %s",
+                      static_cast<void*>(chunk), pinuse(chunk) ? "set" : "clear",
+                      prevFree ? "free" : "in use");
       Chunk* next = plusOffset(chunk, size);
       if (reinterpret_cast<char*>(next) + kMemOffset > end)
-        return format("chunk %p of size %zu crosses the segment end", static_cast<void*>(chunk), size);
+        return format("chunk %p of size %zu crosses the segment end", static_cast<void*>(chunk),
+                      size);
       if (!cinuse(chunk)) {
         if (prevFree)
-          return format("free chunks %p and %p are adjacent", static_cast<void*>(last), static_cast<void*>(chunk));
+          return format("free chunks %p and %p are adjacent", static_cast<void*>(last),
+                        static_cast<void*>(chunk));
         if (next->prev_foot != size)
-          return format("free chunk %p: footer %zu, size %zu", static_cast<void*>(chunk), next->prev_foot, size);
+          return format("free chunk %p: footer %zu, size %zu", static_cast<void*>(chunk),
+                        next->prev_foot, size);
         if (chunk == ms_->dv) {
           // the designated victim is accounted for by checkDvAndTop
         } else if (binned_.count(chunk) == 0) {
@@ -208,19 +232,22 @@ class Checker {
       chunk = next;
     }
     if (segment == &ms_->seg) return "head segment ends in fenceposts before reaching top";
-    if (prevFree) return format("free chunk %p is followed by fenceposts", static_cast<void*>(last));
+    if (prevFree)
+      return format("free chunk %p is followed by fenceposts", static_cast<void*>(last));
     if (last != memToChunk(segment))
-      return format("segment %p: the chunk before the fenceposts is not its record", static_cast<void*>(segment->base));
+      return format("segment %p: the chunk before the fenceposts is not its record",
+                    static_cast<void*>(segment->base));
     return {};
   }
 
   std::string checkTotals() {
     const size_t binnedFree = walkedFree_ - (ms_->dvsize != 0 ? 1 : 0);
     if (binned_.size() != binnedFree)
-      return format("%zu chunks in bins but %zu free chunks (dv excluded) in the segments", binned_.size(), binnedFree);
+      return format("%zu chunks in bins but %zu free chunks (dv excluded) in the segments",
+                    binned_.size(), binnedFree);
     if (ms_->footprint != segmentBytes_ + ms_->direct_bytes)
-      return format("footprint %zu differs from segments %zu + direct maps %zu", ms_->footprint, segmentBytes_,
-                    ms_->direct_bytes);
+      return format("footprint %zu differs from segments %zu + direct maps %zu", ms_->footprint,
+                    segmentBytes_, ms_->direct_bytes);
     if (ms_->max_footprint < ms_->footprint) return "max footprint below footprint";
     return {};
   }
@@ -250,7 +277,9 @@ std::string mspaceCheckConsistency(mspace msp) {
   return mspace_detail::Checker(msp).run();
 }
 
-void mspaceSetUnmapFunction(mspace msp, mspace_munmap_func fn) { msp->munmap = fn; }
+void mspaceSetUnmapFunction(mspace msp, mspace_munmap_func fn) {
+  msp->munmap = fn;
+}
 
 }  // namespace internal
 }  // namespace kestrel

@@ -14,7 +14,7 @@
 namespace kestrel::internal {
 
 // Layout numbers for outside observers.
-using mspace_detail::kDirectMapExtra;   // direct map request: chunk size + this, granularity-aligned
+using mspace_detail::kDirectMapExtra;  // direct map request: chunk size + this, granularity-aligned
 using mspace_detail::kSegmentMapExtra;  // segment request: chunk size + this, granularity-aligned
 using mspace_detail::kTopFootSize;
 using mspace_detail::requestToSize;  // the normalised chunk size of a request

@@ -92,7 +92,9 @@ inline constexpr size_t kMaxRequest = (~kMinChunkSize + 1) << 2;  // larger requ
 // The chunk size that serves a request of `request` user bytes: the request
 // plus the head word, rounded up to the alignment, and never below the
 // smallest chunk (which must be able to hold the free-list links).
-inline constexpr size_t padRequest(size_t request) { return (request + kChunkOverhead + kAlignMask) & ~kAlignMask; }
+inline constexpr size_t padRequest(size_t request) {
+  return (request + kChunkOverhead + kAlignMask) & ~kAlignMask;
+}
 inline constexpr size_t requestToSize(size_t request) {
   return request < kMinRequest ? kMinChunkSize : padRequest(request);
 }
@@ -141,7 +143,9 @@ struct Params {
 extern Params gParams;
 void ensureParams();  // idempotent, thread-safe first-use initialisation
 
-inline size_t granularity() { return gParams.granularity.load(std::memory_order_relaxed); }
+inline size_t granularity() {
+  return gParams.granularity.load(std::memory_order_relaxed);
+}
 
 // Granularity alignment of every mapping size: add a granule, then clear the
 // bits below the granularity (a size that is already a multiple gains one).
@@ -155,7 +159,9 @@ inline size_t granularityAlign(size_t size) {
 void setNoMemory();  // errno = ENOMEM
 
 // Mapping functions report failure either way: null or all bits set.
-inline bool mapFailed(void* address) { return address == nullptr || address == reinterpret_cast<void*>(~uintptr_t{0}); }
+inline bool mapFailed(void* address) {
+  return address == nullptr || address == reinterpret_cast<void*>(~uintptr_t{0});
+}
 
 }  // namespace mspace_detail
 
@@ -199,15 +205,21 @@ static_assert(kMspaceBaseOverhead == kStateChunkSize + kTopFootSize,
 
 // ---- chunk arithmetic ----------------------------------------------------
 
-inline Chunk* chunkAt(void* address) { return static_cast<Chunk*>(address); }
+inline Chunk* chunkAt(void* address) {
+  return static_cast<Chunk*>(address);
+}
 inline Chunk* plusOffset(void* address, size_t offset) {
   return reinterpret_cast<Chunk*>(static_cast<char*>(address) + offset);
 }
 inline Chunk* minusOffset(void* address, size_t offset) {
   return reinterpret_cast<Chunk*>(static_cast<char*>(address) - offset);
 }
-inline void* chunkToMem(Chunk* chunk) { return reinterpret_cast<char*>(chunk) + kMemOffset; }
-inline Chunk* memToChunk(void* mem) { return minusOffset(mem, kMemOffset); }
+inline void* chunkToMem(Chunk* chunk) {
+  return reinterpret_cast<char*>(chunk) + kMemOffset;
+}
+inline Chunk* memToChunk(void* mem) {
+  return minusOffset(mem, kMemOffset);
+}
 
 // Bytes to add to `address` to reach the next multiple of kAlignment.
 inline size_t alignOffset(const void* address) {
@@ -215,20 +227,34 @@ inline size_t alignOffset(const void* address) {
   return misalignment == 0 ? 0 : (kAlignment - misalignment) & kAlignMask;
 }
 // The first chunk at or after `base` whose user memory is aligned.
-inline Chunk* alignAsChunk(char* base) { return plusOffset(base, alignOffset(base + kMemOffset)); }
+inline Chunk* alignAsChunk(char* base) {
+  return plusOffset(base, alignOffset(base + kMemOffset));
+}
 inline char* alignDown(char* address) {
   return reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(address) & ~uintptr_t{kAlignMask});
 }
 
-inline size_t chunkSize(const Chunk* chunk) { return chunk->head & ~kFlagBits; }
-inline bool cinuse(const Chunk* chunk) { return (chunk->head & kCinuse) != 0; }
-inline bool pinuse(const Chunk* chunk) { return (chunk->head & kPinuse) != 0; }
-inline bool isMapped(const Chunk* chunk) { return (chunk->head & kMappedBit) != 0; }
-inline Chunk* nextChunk(Chunk* chunk) { return plusOffset(chunk, chunkSize(chunk)); }
+inline size_t chunkSize(const Chunk* chunk) {
+  return chunk->head & ~kFlagBits;
+}
+inline bool cinuse(const Chunk* chunk) {
+  return (chunk->head & kCinuse) != 0;
+}
+inline bool pinuse(const Chunk* chunk) {
+  return (chunk->head & kPinuse) != 0;
+}
+inline bool isMapped(const Chunk* chunk) {
+  return (chunk->head & kMappedBit) != 0;
+}
+inline Chunk* nextChunk(Chunk* chunk) {
+  return plusOffset(chunk, chunkSize(chunk));
+}
 
 // The boundary tag of a free chunk: its size repeated in the next chunk's
 // prev_foot, which is how a later free finds this chunk's start.
-inline void setFoot(Chunk* chunk, size_t size) { plusOffset(chunk, size)->prev_foot = size; }
+inline void setFoot(Chunk* chunk, size_t size) {
+  plusOffset(chunk, size)->prev_foot = size;
+}
 inline void setSizeAndPinuseOfFreeChunk(Chunk* chunk, size_t size) {
   chunk->head = size | kPinuse;
   setFoot(chunk, size);
@@ -248,7 +274,9 @@ inline void setInuseAndPinuse(Chunk* chunk, size_t size) {
   plusOffset(chunk, size)->head |= kPinuse;
 }
 // Sets only this chunk's head; the caller looks after the next chunk's PINUSE.
-inline void setSizeAndPinuseOfInuseChunk(Chunk* chunk, size_t size) { chunk->head = size | kPinuse | kCinuse; }
+inline void setSizeAndPinuseOfInuseChunk(Chunk* chunk, size_t size) {
+  chunk->head = size | kPinuse | kCinuse;
+}
 
 // Usable bytes of an in-use chunk.
 inline size_t usableSize(const Chunk* chunk) {
@@ -261,31 +289,65 @@ inline bool segmentHolds(const Segment* segment, const void* address) {
   const char* byte = static_cast<const char*>(address);
   return byte >= segment->base && byte < segment->base + segment->size;
 }
-inline bool isExternSegment(const Segment* segment) { return (segment->flags & kExternSegment) != 0; }
-inline bool isMappedSegment(const Segment* segment) { return (segment->flags & kMappedSegment) != 0; }
+inline bool isExternSegment(const Segment* segment) {
+  return (segment->flags & kExternSegment) != 0;
+}
+inline bool isMappedSegment(const Segment* segment) {
+  return (segment->flags & kMappedSegment) != 0;
+}
 
 // ---- bins ----------------------------------------------------------------
 
-inline bool isSmall(size_t size) { return (size >> kSmallBinShift) < kSmallBins; }
-inline bindex_t smallIndex(size_t size) { return static_cast<bindex_t>(size >> kSmallBinShift); }
-inline size_t smallIndexToSize(bindex_t index) { return size_t{index} << kSmallBinShift; }
+inline bool isSmall(size_t size) {
+  return (size >> kSmallBinShift) < kSmallBins;
+}
+inline bindex_t smallIndex(size_t size) {
+  return static_cast<bindex_t>(size >> kSmallBinShift);
+}
+inline size_t smallIndexToSize(bindex_t index) {
+  return size_t{index} << kSmallBinShift;
+}
 
 // The sentinel chunk of small bin `index` (see State::smallbins).
-inline Chunk* smallBinAt(State* ms, bindex_t index) { return reinterpret_cast<Chunk*>(&ms->smallbins[index << 1]); }
-inline Chunk** treeBinAt(State* ms, bindex_t index) { return &ms->treebins[index]; }
+inline Chunk* smallBinAt(State* ms, bindex_t index) {
+  return reinterpret_cast<Chunk*>(&ms->smallbins[index << 1]);
+}
+inline Chunk** treeBinAt(State* ms, bindex_t index) {
+  return &ms->treebins[index];
+}
 
-inline binmap_t idxToBit(bindex_t index) { return binmap_t{1} << index; }
-inline binmap_t leastBit(binmap_t bits) { return bits & (~bits + 1); }
+inline binmap_t idxToBit(bindex_t index) {
+  return binmap_t{1} << index;
+}
+inline binmap_t leastBit(binmap_t bits) {
+  return bits & (~bits + 1);
+}
 // Every bit above the lowest set bit of `bits` (the bins of larger sizes).
-inline binmap_t leftBits(binmap_t bits) { return (bits << 1) | (~(bits << 1) + 1); }
-inline bindex_t bitToIndex(binmap_t bit) { return static_cast<bindex_t>(__builtin_ctz(bit)); }
+inline binmap_t leftBits(binmap_t bits) {
+  return (bits << 1) | (~(bits << 1) + 1);
+}
+inline bindex_t bitToIndex(binmap_t bit) {
+  return static_cast<bindex_t>(__builtin_ctz(bit));
+}
 
-inline void markSmallmap(State* ms, bindex_t index) { ms->smallmap |= idxToBit(index); }
-inline void clearSmallmap(State* ms, bindex_t index) { ms->smallmap &= ~idxToBit(index); }
-inline bool smallmapIsMarked(const State* ms, bindex_t index) { return (ms->smallmap & idxToBit(index)) != 0; }
-inline void markTreemap(State* ms, bindex_t index) { ms->treemap |= idxToBit(index); }
-inline void clearTreemap(State* ms, bindex_t index) { ms->treemap &= ~idxToBit(index); }
-inline bool treemapIsMarked(const State* ms, bindex_t index) { return (ms->treemap & idxToBit(index)) != 0; }
+inline void markSmallmap(State* ms, bindex_t index) {
+  ms->smallmap |= idxToBit(index);
+}
+inline void clearSmallmap(State* ms, bindex_t index) {
+  ms->smallmap &= ~idxToBit(index);
+}
+inline bool smallmapIsMarked(const State* ms, bindex_t index) {
+  return (ms->smallmap & idxToBit(index)) != 0;
+}
+inline void markTreemap(State* ms, bindex_t index) {
+  ms->treemap |= idxToBit(index);
+}
+inline void clearTreemap(State* ms, bindex_t index) {
+  ms->treemap &= ~idxToBit(index);
+}
+inline bool treemapIsMarked(const State* ms, bindex_t index) {
+  return (ms->treemap & idxToBit(index)) != 0;
+}
 
 // Tree bin of a size >= kMinLargeSize. Each pair of bins splits one power of
 // two in halves; the last bin takes everything from 1.5 * 2^(15 + kTreeBinShift) up.
@@ -293,15 +355,17 @@ inline bindex_t treeIndex(size_t size) {
   const size_t units = size >> kTreeBinShift;  // in multiples of kMinLargeSize
   if (units == 0) return 0;
   if (units > 0xFFFF) return kTreeBins - 1;
-  const unsigned log2Units = 31u - static_cast<unsigned>(__builtin_clz(static_cast<unsigned>(units)));
+  const unsigned log2Units =
+      31u - static_cast<unsigned>(__builtin_clz(static_cast<unsigned>(units)));
   const size_t upperHalf = (size >> (log2Units + (kTreeBinShift - 1))) & 1;
   return static_cast<bindex_t>((log2Units << 1) + upperHalf);
 }
 // Shift that brings the first size bit a trie of bin `index` routes by to
 // the top (every chunk of a bin shares the bits above it).
 inline unsigned leftShiftForTreeIndex(bindex_t index) {
-  return index == kTreeBins - 1 ? 0
-                                : static_cast<unsigned>((sizeof(size_t) * 8 - 1) - ((index >> 1) + kTreeBinShift - 2));
+  return index == kTreeBins - 1
+             ? 0
+             : static_cast<unsigned>((sizeof(size_t) * 8 - 1) - ((index >> 1) + kTreeBinShift - 2));
 }
 inline constexpr unsigned kTopBit = sizeof(size_t) * 8 - 1;
 
@@ -323,7 +387,8 @@ inline void insertSmallChunk(State* ms, Chunk* chunk, size_t size) {
 inline void unlinkSmallChunk(State* ms, Chunk* chunk, size_t size) {
   Chunk* forward = chunk->fd;
   Chunk* back = chunk->bk;
-  if (forward == back) clearSmallmap(ms, smallIndex(size));  // both are the sentinel: the bin empties
+  if (forward == back)
+    clearSmallmap(ms, smallIndex(size));  // both are the sentinel: the bin empties
   forward->bk = back;
   back->fd = forward;
 }
@@ -383,7 +448,9 @@ inline void* splitTop(State* ms, size_t chunkBytes) {
   return chunkToMem(chunk);
 }
 
-inline bool okMagic(const State* ms) { return ms != nullptr && ms->magic == kMagic; }
+inline bool okMagic(const State* ms) {
+  return ms != nullptr && ms->magic == kMagic;
+}
 // A cheap sanity check on a pointer handed to free or realloc: no chunk of
 // this mspace lies below its lowest segment or mapping.
 inline bool okAddress(const State* ms, const void* address) {

@@ -340,7 +340,8 @@ void* tmallocLarge(State* ms, size_t chunkBytes) {
     }
     if (chunkBytes <= ms->dvsize) return splitDv(ms, chunkBytes);
     // The top only when no bin could serve: a binned chunk is reused first.
-    if ((binsFromIndex | ms->treemap) == 0 && chunkBytes < ms->topsize) return splitTop(ms, chunkBytes);
+    if ((binsFromIndex | ms->treemap) == 0 && chunkBytes < ms->topsize)
+      return splitTop(ms, chunkBytes);
   }
   return mallocSlow(ms, bytes);
 }
@@ -376,8 +377,12 @@ void* tmallocLarge(State* ms, size_t chunkBytes) {
 
 }  // namespace
 
-void* internalMalloc(State* ms, size_t bytes) { return mallocFast(ms, bytes); }
-void internalFree(State* ms, void* mem) { freeFast(ms, mem); }
+void* internalMalloc(State* ms, size_t bytes) {
+  return mallocFast(ms, bytes);
+}
+void internalFree(State* ms, void* mem) {
+  freeFast(ms, mem);
+}
 
 }  // namespace mspace_detail
 
@@ -402,7 +407,8 @@ void* mspace_calloc(mspace msp, unsigned long n_elements, unsigned long elem_siz
   if (!okMagic(msp)) usageError();
   // An overflowing product becomes a request that always fails.
   size_t totalBytes = 0;
-  if (n_elements != 0 && __builtin_mul_overflow(n_elements, elem_size, &totalBytes)) totalBytes = ~size_t{0};
+  if (n_elements != 0 && __builtin_mul_overflow(n_elements, elem_size, &totalBytes))
+    totalBytes = ~size_t{0};
   void* mem = internalMalloc(msp, totalBytes);
   if (mem == nullptr) return nullptr;
   // A fresh direct map from the system function is already zero; memory

@@ -27,7 +27,8 @@ bool resizeInPlace(State* ms, Chunk* chunk, size_t chunkBytes) {
   if (isMapped(chunk)) {
     // A mapping is kept when it is large enough and not too wasteful; it is
     // never moved to a smaller mapping in place.
-    return !isSmall(chunkBytes) && oldSize >= chunkBytes + kWord && oldSize - chunkBytes <= (granularity() << 1);
+    return !isSmall(chunkBytes) && oldSize >= chunkBytes + kWord &&
+           oldSize - chunkBytes <= (granularity() << 1);
   }
   Chunk* next = plusOffset(chunk, oldSize);
   if (!pinuse(next)) corruptionError();
@@ -58,7 +59,8 @@ bool resizeInPlace(State* ms, Chunk* chunk, size_t chunkBytes) {
   }
   setInuse(chunk, chunkBytes);
   Chunk* remainder = plusOffset(chunk, chunkBytes);
-  setSizeAndPinuseOfFreeChunk(remainder, remainderSize);  // the chunk after it already has PINUSE clear
+  setSizeAndPinuseOfFreeChunk(remainder,
+                              remainderSize);  // the chunk after it already has PINUSE clear
   // The remainder keeps the role of the neighbour it came from.
   if (wasDv) {
     ms->dv = remainder;
@@ -118,11 +120,13 @@ void* internalMemalign(State* ms, size_t alignment, size_t bytes) {
 
   if (reinterpret_cast<uintptr_t>(mem) % alignment != 0) {
     // The first aligned spot whose leader is big enough to be a chunk.
-    const uintptr_t alignedMem = (reinterpret_cast<uintptr_t>(mem) + alignment - 1) & ~(alignment - 1);
+    const uintptr_t alignedMem =
+        (reinterpret_cast<uintptr_t>(mem) + alignment - 1) & ~(alignment - 1);
     char* candidate = reinterpret_cast<char*>(memToChunk(reinterpret_cast<void*>(alignedMem)));
-    char* alignedStart = static_cast<size_t>(candidate - reinterpret_cast<char*>(chunk)) >= kMinChunkSize
-                             ? candidate
-                             : candidate + alignment;
+    char* alignedStart =
+        static_cast<size_t>(candidate - reinterpret_cast<char*>(chunk)) >= kMinChunkSize
+            ? candidate
+            : candidate + alignment;
     Chunk* alignedChunk = chunkAt(alignedStart);
     const size_t leaderSize = static_cast<size_t>(alignedStart - reinterpret_cast<char*>(chunk));
     const size_t alignedSize = chunkSize(chunk) - leaderSize;
@@ -178,21 +182,24 @@ void** independentAlloc(State* ms, size_t count, const size_t* sizes, int opts, 
   size_t elementSize = 0;
   size_t contentsSize = 0;
   if ((opts & 1) != 0) {
-    if (sizes[0] >= kMaxRequest || __builtin_mul_overflow(count, requestToSize(sizes[0]), &contentsSize)) {
+    if (sizes[0] >= kMaxRequest ||
+        __builtin_mul_overflow(count, requestToSize(sizes[0]), &contentsSize)) {
       setNoMemory();
       return nullptr;
     }
     elementSize = requestToSize(sizes[0]);
   } else {
     for (size_t i = 0; i != count; ++i) {
-      if (sizes[i] >= kMaxRequest || __builtin_add_overflow(contentsSize, requestToSize(sizes[i]), &contentsSize)) {
+      if (sizes[i] >= kMaxRequest ||
+          __builtin_add_overflow(contentsSize, requestToSize(sizes[i]), &contentsSize)) {
         setNoMemory();
         return nullptr;
       }
     }
   }
   size_t totalSize;
-  if (__builtin_add_overflow(contentsSize, arraySize, &totalSize) || totalSize - kChunkOverhead >= kMaxRequest) {
+  if (__builtin_add_overflow(contentsSize, arraySize, &totalSize) ||
+      totalSize - kChunkOverhead >= kMaxRequest) {
     setNoMemory();
     return nullptr;
   }
@@ -246,13 +253,15 @@ void* mspace_memalign(mspace msp, unsigned long alignment, unsigned long bytes) 
   return internalMemalign(msp, alignment, bytes);
 }
 
-void** mspace_independent_calloc(mspace msp, unsigned long n_elements, unsigned long elem_size, void* chunks[]) {
+void** mspace_independent_calloc(mspace msp, unsigned long n_elements, unsigned long elem_size,
+                                 void* chunks[]) {
   if (!okMagic(msp)) usageError();
   const size_t elementSize = elem_size;
   return independentAlloc(msp, n_elements, &elementSize, 3, chunks);
 }
 
-void** mspace_independent_comalloc(mspace msp, unsigned long n_elements, const unsigned long sizes[], void* chunks[]) {
+void** mspace_independent_comalloc(mspace msp, unsigned long n_elements,
+                                   const unsigned long sizes[], void* chunks[]) {
   if (!okMagic(msp)) usageError();
   return independentAlloc(msp, n_elements, sizes, 0, chunks);
 }

@@ -38,11 +38,19 @@ void ensureParams() {
   (void)initialised;
 }
 
-void usageError() { std::abort(); }
-void corruptionError() { std::abort(); }
-void setNoMemory() { errno = ENOMEM; }
+void usageError() {
+  std::abort();
+}
+void corruptionError() {
+  std::abort();
+}
+void setNoMemory() {
+  errno = ENOMEM;
+}
 
-bool directMapWasDefault(const State* ms) { return ms->direct_mmap == &default_direct_mmap_func; }
+bool directMapWasDefault(const State* ms) {
+  return ms->direct_mmap == &default_direct_mmap_func;
+}
 
 // Also re-arms automatic trimming: the top changed, so a later free may
 // find something to give back again.
@@ -57,7 +65,8 @@ State* initUserState(char* base, size_t size) {
   Chunk* stateChunk = alignAsChunk(base);
   char* end = alignDown(base + size);
   Chunk* first = plusOffset(stateChunk, kStateChunkSize);
-  if (reinterpret_cast<char*>(first) + kTopFootSize > end) return nullptr;  // misaligned base ate the room
+  if (reinterpret_cast<char*>(first) + kTopFootSize > end)
+    return nullptr;  // misaligned base ate the room
   auto* ms = static_cast<State*>(chunkToMem(stateChunk));
   std::memset(static_cast<void*>(ms), 0, sizeof(State));
   stateChunk->head = kStateChunkSize | kPinuse | kCinuse;
@@ -110,7 +119,8 @@ void* directAlloc(State* ms, size_t chunkBytes) {
 void* prependAlloc(State* ms, char* newBase, char* oldBase, size_t chunkBytes) {
   Chunk* chunk = alignAsChunk(newBase);
   Chunk* oldFirst = alignAsChunk(oldBase);
-  const size_t regionSize = static_cast<size_t>(reinterpret_cast<char*>(oldFirst) - reinterpret_cast<char*>(chunk));
+  const size_t regionSize =
+      static_cast<size_t>(reinterpret_cast<char*>(oldFirst) - reinterpret_cast<char*>(chunk));
   Chunk* rest = plusOffset(chunk, chunkBytes);
   size_t restSize = regionSize - chunkBytes;
   setSizeAndPinuseOfInuseChunk(chunk, chunkBytes);
@@ -146,7 +156,9 @@ void addSegment(State* ms, char* base, size_t size, unsigned flags) {
   auto* record = static_cast<Segment*>(chunkToMem(recordChunk));
 
   Chunk* newTop = alignAsChunk(base);
-  initTop(ms, newTop, static_cast<size_t>(alignDown(base + size) - kTopFootSize - reinterpret_cast<char*>(newTop)));
+  initTop(
+      ms, newTop,
+      static_cast<size_t>(alignDown(base + size) - kTopFootSize - reinterpret_cast<char*>(newTop)));
 
   if (recordChunk != oldTop) {
     oldTop->head = oldTopSize | kPinuse;
@@ -161,7 +173,8 @@ void addSegment(State* ms, char* base, size_t size, unsigned flags) {
   ms->seg.next = record;
   ms->seg.flags = flags;
   for (Chunk* fencepost = plusOffset(recordChunk, kSegmentRecordChunk);
-       reinterpret_cast<char*>(&fencepost->head) + kWord <= oldEnd; fencepost = plusOffset(fencepost, kWord))
+       reinterpret_cast<char*>(&fencepost->head) + kWord <= oldEnd;
+       fencepost = plusOffset(fencepost, kWord))
     fencepost->head = kFencepostHead;
   if (recordChunk != oldTop) insertChunk(ms, oldTop, oldTopSize);
 }
@@ -213,7 +226,8 @@ size_t releaseUnmappedSegments(State* ms) {
 }  // namespace
 
 void* sysAlloc(State* ms, size_t chunkBytes) {
-  if ((ms->mflags & kUseMmap) != 0 && chunkBytes >= gParams.mmap_threshold.load(std::memory_order_relaxed)) {
+  if ((ms->mflags & kUseMmap) != 0 &&
+      chunkBytes >= gParams.mmap_threshold.load(std::memory_order_relaxed)) {
     if (void* mem = directAlloc(ms, chunkBytes)) return mem;
   }
 
@@ -231,13 +245,15 @@ void* sysAlloc(State* ms, size_t chunkBytes) {
 
   // Directly behind the top's segment: extend it.
   Segment* segment = &ms->seg;
-  if (segment->base + segment->size == mapping && isMappedSegment(segment) && !isExternSegment(segment)) {
+  if (segment->base + segment->size == mapping && isMappedSegment(segment) &&
+      !isExternSegment(segment)) {
     segment->size += mappingSize;
     initTop(ms, ms->top, ms->topsize + mappingSize);
   } else {
     if (mapping < ms->least_addr) ms->least_addr = mapping;
     // Directly in front of a mapped segment: merge and serve from the front.
-    for (segment = &ms->seg; segment != nullptr && segment->base != mapping + mappingSize; segment = segment->next) {
+    for (segment = &ms->seg; segment != nullptr && segment->base != mapping + mappingSize;
+         segment = segment->next) {
     }
     if (segment != nullptr && isMappedSegment(segment) && !isExternSegment(segment)) {
       char* oldBase = segment->base;
@@ -265,7 +281,8 @@ bool sysTrim(State* ms, size_t pad) {
     if (extra != 0 && isMappedSegment(head) && !isExternSegment(head) && head->size >= extra) {
       const size_t keptSize = head->size - extra;
       char* cut = head->base + keptSize;
-      if (!recordIn(ms, cut, head->base + head->size) && ms->munmap(cut, extra, ms->context) == 0) released = extra;
+      if (!recordIn(ms, cut, head->base + head->size) && ms->munmap(cut, extra, ms->context) == 0)
+        released = extra;
     }
     if (released != 0) {
       head->size -= released;
@@ -301,15 +318,17 @@ mspace create_mspace(unsigned long capacity, int /*locked*/) {
 mspace create_mspace_with_base(void* base, unsigned long capacity, int /*locked*/) {
   ensureParams();
   const size_t page = gParams.page_size.load(std::memory_order_relaxed);
-  if (base == nullptr || capacity <= kMspaceBaseOverhead || capacity >= ~size_t{0} - kMspaceBaseOverhead - page)
+  if (base == nullptr || capacity <= kMspaceBaseOverhead ||
+      capacity >= ~size_t{0} - kMspaceBaseOverhead - page)
     return nullptr;
   State* ms = initUserState(static_cast<char*>(base), capacity);
   if (ms != nullptr) ms->seg.flags = kExternSegment;
   return ms;
 }
 
-mspace create_mspace_with_base_ca(void* base, unsigned long capacity, int locked, mspace_mmap_func segment_mmap,
-                                  mspace_mmap_func direct_mmap, mspace_sbrk_func sbrk, void* context) {
+mspace create_mspace_with_base_ca(void* base, unsigned long capacity, int locked,
+                                  mspace_mmap_func segment_mmap, mspace_mmap_func direct_mmap,
+                                  mspace_sbrk_func sbrk, void* context) {
   State* ms = create_mspace_with_base(base, capacity, locked);
   if (ms == nullptr) return nullptr;
   ms->context = context;
@@ -334,7 +353,8 @@ unsigned long destroy_mspace(mspace msp) {
     const size_t size = segment->size;
     const unsigned flags = segment->flags;
     segment = segment->next;
-    if ((flags & kMappedSegment) != 0 && (flags & kExternSegment) == 0 && unmap(base, size, context) == 0)
+    if ((flags & kMappedSegment) != 0 && (flags & kExternSegment) == 0 &&
+        unmap(base, size, context) == 0)
       freed += size;
   }
   return freed;

@@ -70,8 +70,12 @@ void mspace_malloc_stats(mspace msp) {
 
 // The usage-error action of these two runs unconditionally, so they never
 // return; callers get the numbers from mspace_mallinfo.
-unsigned long mspace_footprint(mspace /*msp*/) { usageError(); }
-unsigned long mspace_max_footprint(mspace /*msp*/) { usageError(); }
+unsigned long mspace_footprint(mspace /*msp*/) {
+  usageError();
+}
+unsigned long mspace_max_footprint(mspace /*msp*/) {
+  usageError();
+}
 
 int mspace_mallopt(int param, int value) {
   ensureParams();
@@ -81,7 +85,8 @@ int mspace_mallopt(int param, int value) {
       gParams.trim_threshold.store(setting, std::memory_order_relaxed);
       return 1;
     case kMspaceGranularity:
-      if (setting >= gParams.page_size.load(std::memory_order_relaxed) && (setting & (setting - 1)) == 0) {
+      if (setting >= gParams.page_size.load(std::memory_order_relaxed) &&
+          (setting & (setting - 1)) == 0) {
         gParams.granularity.store(setting, std::memory_order_relaxed);
         return 1;
       }

@@ -23,9 +23,13 @@ void* default_direct_mmap_func(unsigned long size, void* /*context*/) {
   return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
 }
 
-void* default_mmap_func(unsigned long size, void* context) { return default_direct_mmap_func(size, context); }
+void* default_mmap_func(unsigned long size, void* context) {
+  return default_direct_mmap_func(size, context);
+}
 
-int default_munmap_func(char* start, unsigned long size, void* /*context*/) { return munmap(start, size); }
+int default_munmap_func(char* start, unsigned long size, void* /*context*/) {
+  return munmap(start, size);
+}
 
 void* default_sbrk_func(int /*increment*/, void* /*context*/) {
   return reinterpret_cast<void*>(~static_cast<unsigned long>(0));
