@@ -8,9 +8,8 @@ namespace kestrel::test {
 namespace {
 
 using Observers = SettingsTest;
-using Journal = std::vector<std::string>;
 
-TEST_F(Observers, NewestObserverIsToldFirstAndSettingObserversBeforeGroupObservers) {
+TEST_F(Observers, OrderEnablingAndDetachingDuringNotification) {
   SettingGroup group(QStringLiteral("obs.order"));
   IntSetting setting(group, QStringLiteral("value"), 0, false, false);
   Journal journal;
@@ -19,57 +18,37 @@ TEST_F(Observers, NewestObserverIsToldFirstAndSettingObserversBeforeGroupObserve
   RecordingGroupObserver g2(&group, &journal, "g2");
   RecordingSettingObserver s2(&setting, &journal, "s2");
 
+  // Newest first, the setting's own observers before its group's.
   setting.set(5);
-  EXPECT_EQ(journal, (Journal{"s2:changed", "s1:changed", "g2:changed", "g1:changed"}));
+  const Journal all{"s2:changed", "s1:changed", "g2:changed", "g1:changed"};
+  EXPECT_EQ(journal, all);
+  EXPECT_EQ(s1.seenText, "5") << "observers run after the value is stored";
   EXPECT_EQ(s1.lastSetting, &setting);
   EXPECT_EQ(g1.lastGroup, &group);
   EXPECT_EQ(g1.lastSetting, &setting);
-
   journal.clear();
-  setting.notifyChanged();  // explicit announcement reaches both lists too
-  EXPECT_EQ(journal, (Journal{"s2:changed", "s1:changed", "g2:changed", "g1:changed"}));
+  setting.notifyChanged();  // an explicit announcement reaches both lists too
+  EXPECT_EQ(journal, all);
+
+  s2.setEnabled(false);
+  g1.setEnabled(false);
+  journal.clear();
+  setting.set(6);
+  EXPECT_EQ(journal, (Journal{"s1:changed", "g2:changed"}));
+  EXPECT_TRUE(s2.isAttached() && g1.isAttached()) << "disabled observers stay linked";
+
+  s2.setEnabled(true);
+  s2.whenChanged = [](RecordingSettingObserver* self) { self->detach(); };
+  journal.clear();
+  setting.set(7);
+  setting.set(8);
+  EXPECT_EQ(journal,
+            (Journal{"s2:changed", "s1:changed", "g2:changed", "s1:changed", "g2:changed"}))
+      << "the walk continues past an observer that detached itself";
+  EXPECT_FALSE(s2.isAttached());
 }
 
-TEST_F(Observers, DisabledObserverStaysLinkedButIsSkipped) {
-  SettingGroup group(QStringLiteral("obs.enabled"));
-  BoolSetting setting(group, QStringLiteral("flag"), false, false, false);
-  RecordingSettingObserver watcher(&setting, nullptr, "w");
-  RecordingGroupObserver groupWatcher(&group, nullptr, "g");
-  EXPECT_TRUE(watcher.isEnabled());
-
-  watcher.setEnabled(false);
-  groupWatcher.setEnabled(false);
-  setting.set(true);
-  EXPECT_EQ(watcher.changed, 0);
-  EXPECT_EQ(groupWatcher.changed, 0);
-  EXPECT_TRUE(watcher.isAttached());
-  EXPECT_TRUE(groupWatcher.isAttached());
-
-  watcher.setEnabled(true);
-  groupWatcher.setEnabled(true);
-  setting.set(false);
-  EXPECT_EQ(watcher.changed, 1);
-  EXPECT_EQ(groupWatcher.changed, 1);
-}
-
-TEST_F(Observers, ObserverOnNullSubjectIsNeverCalled) {
-  auto settingWatcher = std::make_unique<RecordingSettingObserver>(nullptr, nullptr, "s");
-  auto groupWatcher = std::make_unique<RecordingGroupObserver>(nullptr, nullptr, "g");
-  EXPECT_FALSE(settingWatcher->isAttached());
-  EXPECT_FALSE(groupWatcher->isAttached());
-  {
-    SettingGroup group(QStringLiteral("obs.null"));
-    IntSetting setting(group, QStringLiteral("value"), 0, false, false);
-    setting.set(1);
-  }
-  EXPECT_EQ(settingWatcher->changed + settingWatcher->preDeleted, 0);
-  EXPECT_EQ(groupWatcher->changed + groupWatcher->preDeleted, 0);
-  settingWatcher->detach();  // harmless when never attached
-  settingWatcher.reset();
-  groupWatcher.reset();
-}
-
-TEST_F(Observers, PreDeleteDetachesEachObserverBeforeItsHandler) {
+TEST_F(Observers, SettingDeathDetachesEachObserverBeforeItsHandler) {
   SettingGroup group(QStringLiteral("obs.predelete"));
   Journal journal;
   auto setting = std::make_unique<CountSetting>(group, QStringLiteral("count"), 0, false, false);
@@ -80,59 +59,25 @@ TEST_F(Observers, PreDeleteDetachesEachObserverBeforeItsHandler) {
   newer.whenPreDeleted = [&](RecordingSettingObserver* self) {
     seenType = self->lastSetting->getType();  // still of its full type
   };
+  int selfDeleted = 0;
+  for (int i = 0; i < 3; ++i) {
+    auto* watcher = new RecordingSettingObserver(setting.get());
+    watcher->whenPreDeleted = [&selfDeleted](RecordingSettingObserver* self) {
+      ++selfDeleted;
+      delete self;  // AddressSanitizer reports any later use
+    };
+  }
   Setting* const address = setting.get();
 
   setting.reset();
   EXPECT_EQ(journal, (Journal{"newer:predelete", "older:predelete"}))
       << "group observers are not told when a setting dies";
-  EXPECT_FALSE(older.attachedDuringPreDelete);
-  EXPECT_FALSE(newer.attachedDuringPreDelete);
+  EXPECT_EQ(selfDeleted, 3);
+  EXPECT_FALSE(older.attachedDuringPreDelete || newer.attachedDuringPreDelete);
   EXPECT_FALSE(older.isAttached());
   EXPECT_EQ(older.lastSetting, address);
   EXPECT_EQ(seenType, TypeCount);
   EXPECT_EQ(group.getSettingCount(), 0);
-}
-
-TEST_F(Observers, ObserverMayDeleteItselfInPreDelete) {
-  SettingGroup group(QStringLiteral("obs.selfdelete"));
-  auto setting = std::make_unique<IntPairSetting>(group, QStringLiteral("pair"),
-                                                  std::pair<int, int>{1, 2}, false, false);
-  int told = 0;
-  for (int i = 0; i < 3; ++i) {
-    auto* watcher = new RecordingSettingObserver(setting.get(), nullptr, "w");
-    watcher->whenPreDeleted = [&told](RecordingSettingObserver* self) {
-      ++told;
-      delete self;
-    };
-  }
-  setting.reset();  // AddressSanitizer reports any use of a deleted observer
-  EXPECT_EQ(told, 3);
-}
-
-TEST_F(Observers, ObserverMayDetachItselfWhileBeingNotified) {
-  SettingGroup group(QStringLiteral("obs.detach"));
-  IntSetting setting(group, QStringLiteral("value"), 0, false, false);
-  RecordingSettingObserver older(&setting, nullptr, "older");
-
-  class DetachOnChange : public SettingObserver {
-   public:
-    using SettingObserver::SettingObserver;
-    void onChanged(const SettingEvent&) override {
-      ++changed;
-      detach();
-    }
-    void onPreDelete(const SettingEvent&) override { ++preDeleted; }
-    int changed = 0;
-    int preDeleted = 0;
-  } newer(setting);
-
-  setting.set(1);
-  EXPECT_EQ(newer.changed, 1);
-  EXPECT_EQ(older.changed, 1) << "the walk continues past a detached observer";
-  EXPECT_FALSE(newer.isAttached());
-  setting.set(2);
-  EXPECT_EQ(newer.changed, 1);
-  EXPECT_EQ(older.changed, 2);
 }
 
 TEST_F(Observers, GroupDeathTellsGroupObserversOnceAndDetachesThem) {
@@ -147,40 +92,32 @@ TEST_F(Observers, GroupDeathTellsGroupObserversOnceAndDetachesThem) {
   EXPECT_EQ(journal, (Journal{"newer:predelete", "older:predelete"}));
   EXPECT_EQ(newer.lastGroup, address);
   EXPECT_EQ(newer.lastSetting, nullptr);
-  EXPECT_FALSE(older.isAttached());
-  EXPECT_FALSE(newer.isAttached());
-
+  EXPECT_FALSE(older.isAttached() || newer.isAttached());
   member.set(1);
   EXPECT_EQ(older.changed + newer.changed, 0);
 }
 
-TEST_F(Observers, AnyDestructionOrderOfObserverAndSubjectIsClean) {
-  // Observer first, then subject.
+TEST_F(Observers, NullSubjectsAndEveryDestructionOrderAreClean) {
+  RecordingSettingObserver onNull(nullptr);
+  RecordingGroupObserver groupOnNull(nullptr);
+  EXPECT_FALSE(onNull.isAttached() || groupOnNull.isAttached());
+  onNull.detach();  // harmless when never attached
+  std::unique_ptr<RecordingSettingObserver> watcher;
+  std::unique_ptr<RecordingGroupObserver> groupWatcher;
   {
-    SettingGroup group(QStringLiteral("obs.order1"));
+    SettingGroup group(QStringLiteral("obs.lifetime"));
     IntSetting setting(group, QStringLiteral("v"), 0, false, false);
-    auto watcher = std::make_unique<RecordingSettingObserver>(&setting, nullptr, "w");
-    auto groupWatcher = std::make_unique<RecordingGroupObserver>(&group, nullptr, "g");
-    watcher.reset();
-    groupWatcher.reset();
-    setting.set(1);  // must not reach the destroyed observers
-  }
-  // Subject first, then observer: the observer outlives both.
-  auto watcher = std::make_unique<RecordingSettingObserver>(nullptr, nullptr, "w");
-  auto groupWatcher = std::make_unique<RecordingGroupObserver>(nullptr, nullptr, "g");
-  {
-    SettingGroup group(QStringLiteral("obs.order2"));
-    IntSetting setting(group, QStringLiteral("v"), 0, false, false);
-    watcher = std::make_unique<RecordingSettingObserver>(&setting, nullptr, "w");
-    groupWatcher = std::make_unique<RecordingGroupObserver>(&group, nullptr, "g");
-  }
-  EXPECT_FALSE(watcher->isAttached());
-  EXPECT_FALSE(groupWatcher->isAttached());
+    {
+      RecordingSettingObserver early(&setting);
+      RecordingGroupObserver groupEarly(&group);
+    }  // observers first: the subjects must not reach them afterwards
+    watcher = std::make_unique<RecordingSettingObserver>(&setting);
+    groupWatcher = std::make_unique<RecordingGroupObserver>(&group);
+    setting.set(1);
+  }  // subjects first: the observers outlive them
+  EXPECT_FALSE(watcher->isAttached() || groupWatcher->isAttached());
   EXPECT_EQ(watcher->preDeleted, 1);
   EXPECT_EQ(groupWatcher->preDeleted, 1);
-  watcher->detach();
-  watcher.reset();
-  groupWatcher.reset();
 }
 
 }  // namespace

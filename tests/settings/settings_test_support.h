@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QString>
-
 #include <cstddef>
 #include <cstring>
 #include <functional>
@@ -17,31 +15,22 @@
 
 namespace kestrel::test {
 
+using Journal = std::vector<std::string>;
+
 // Storage for an object whose constructor runs later, the way static objects
-// of another file may be constructed after the settings that name them.
+// of another file may be constructed after the settings that name them. The
+// storage holds garbage until then, as it would outside zero-filled statics.
 template <typename T>
 class Late {
  public:
-  // The storage holds garbage, as an object's storage does before its
-  // constructor runs (outside zero-filled static storage).
   Late() { std::memset(mStorage, 0xA5, sizeof(mStorage)); }
-  Late(const Late&) = delete;
-  Late& operator=(const Late&) = delete;
-  ~Late() { destroy(); }
-
-  // The object-to-be, usable as a constructor argument before it exists.
-  T& ref() { return *reinterpret_cast<T*>(mStorage); }
-
-  template <typename... Args>
-  T& construct(Args&&... args) {
-    T* object = new (mStorage) T(std::forward<Args>(args)...);
-    mConstructed = true;
-    return *object;
-  }
-
-  void destroy() {
+  ~Late() {
     if (mConstructed) std::launder(reinterpret_cast<T*>(mStorage))->~T();
-    mConstructed = false;
+  }
+  T& ref() { return *reinterpret_cast<T*>(mStorage); }
+  T& construct(const QString& name) {
+    mConstructed = true;
+    return *new (mStorage) T(name);
   }
 
  private:
@@ -49,18 +38,18 @@ class Late {
   bool mConstructed = false;
 };
 
-// Records what a setting observer is told into a shared journal, so order
-// across several observers can be checked.
+// Records into an optional shared journal, so order across observers shows.
+// A setting observer also notes the setting's text form when told of a change.
 class RecordingSettingObserver : public SettingObserver {
  public:
-  RecordingSettingObserver(Setting* setting, std::vector<std::string>* journal,
-                           std::string label)
-      : SettingObserver(setting), mJournal(journal), mLabel(std::move(label)) {}
-
+  RecordingSettingObserver(Setting* s, Journal* journal = nullptr, std::string label = "s")
+      : SettingObserver(s), mJournal(journal), mLabel(std::move(label)) {}
   void onChanged(const SettingEvent& event) override {
     ++changed;
     lastSetting = event.setting;
+    seenText = event.setting->toString().toStdString();
     if (mJournal) mJournal->push_back(mLabel + ":changed");
+    if (whenChanged) whenChanged(this);
   }
   void onPreDelete(const SettingEvent& event) override {
     ++preDeleted;
@@ -69,70 +58,65 @@ class RecordingSettingObserver : public SettingObserver {
     if (mJournal) mJournal->push_back(mLabel + ":predelete");
     if (whenPreDeleted) whenPreDeleted(this);
   }
-
-  int changed = 0;
-  int preDeleted = 0;
+  int changed = 0, preDeleted = 0;
   Setting* lastSetting = nullptr;
+  std::string seenText;
   bool attachedDuringPreDelete = true;
-  std::function<void(RecordingSettingObserver*)> whenPreDeleted;
+  std::function<void(RecordingSettingObserver*)> whenChanged, whenPreDeleted;
 
  private:
-  std::vector<std::string>* mJournal;
+  Journal* mJournal;
   std::string mLabel;
 };
 
 class RecordingGroupObserver : public SettingGroupObserver {
  public:
-  RecordingGroupObserver(SettingGroup* group, std::vector<std::string>* journal,
-                         std::string label)
-      : SettingGroupObserver(group), mJournal(journal), mLabel(std::move(label)) {}
-
+  RecordingGroupObserver(SettingGroup* g, Journal* journal = nullptr, std::string label = "g")
+      : SettingGroupObserver(g), mJournal(journal), mLabel(std::move(label)) {}
   void onChanged(const SettingGroupEvent& event) override {
     ++changed;
-    lastGroup = event.group;
-    lastSetting = event.setting;
-    if (mJournal) mJournal->push_back(mLabel + ":changed");
+    record(event, ":changed");
   }
   void onPreDelete(const SettingGroupEvent& event) override {
     ++preDeleted;
-    lastGroup = event.group;
-    lastSetting = event.setting;
-    if (mJournal) mJournal->push_back(mLabel + ":predelete");
+    record(event, ":predelete");
   }
-
-  int changed = 0;
-  int preDeleted = 0;
+  int changed = 0, preDeleted = 0;
   SettingGroup* lastGroup = nullptr;
   Setting* lastSetting = reinterpret_cast<Setting*>(1);  // "never told"
 
  private:
-  std::vector<std::string>* mJournal;
+  void record(const SettingGroupEvent& event, const char* what) {
+    lastGroup = event.group;
+    lastSetting = event.setting;
+    if (mJournal) mJournal->push_back(mLabel + what);
+  }
+  Journal* mJournal;
   std::string mLabel;
 };
 
-// Names of the settings of `group`, in order.
-inline std::vector<QString> memberNames(const SettingGroup& group) {
-  std::vector<QString> names;
-  for (int i = 0; i < group.getSettingCount(); ++i) names.push_back(group.getSetting(i)->getName());
-  return names;
+// "name=text" of every member of `group`, in order, joined by ", ".
+inline std::string members(const SettingGroup& group) {
+  std::string out;
+  for (int i = 0; i < group.getSettingCount(); ++i) {
+    const Setting* s = group.getSetting(i);
+    out += (i ? ", " : "") + (s->getName() + u'=' + s->toString()).toStdString();
+  }
+  return out;
 }
 
 // Leaves sCurrentModifier and the restore frames as the test found them.
 class SettingsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    mModifier = Setting::sCurrentModifier;
-    mFrames = Setting::sRestoreList.size();
-  }
+  void SetUp() override { mModifier = Setting::sCurrentModifier; }
   void TearDown() override {
     Setting::sCurrentModifier = mModifier;
-    EXPECT_EQ(Setting::sRestoreList.size(), mFrames) << "a test left a restore frame open";
-    while (Setting::sRestoreList.size() > mFrames) Setting::popAllSettings();
+    EXPECT_TRUE(Setting::sRestoreList.isEmpty()) << "a test left a restore frame open";
+    while (Setting::popAllSettings()) continue;
   }
 
  private:
   void* mModifier = nullptr;
-  qsizetype mFrames = 0;
 };
 
 }  // namespace kestrel::test
