@@ -8,7 +8,6 @@
 //   KESTREL_MSPACE_STRESS_OPS=<operations per configuration>
 //   KESTREL_MSPACE_STRESS_SEED=<seed>
 #include <cerrno>
-#include <cstdlib>
 #include <memory>
 #include <random>
 
@@ -20,9 +19,9 @@ using namespace kestrel;
 using namespace mspace_test;
 using Placement = RecordingSystem::Placement;
 
-std::size_t envNumber(const char* name, std::size_t fallback) {
-  const char* v = std::getenv(name);
-  return v != nullptr && *v != '\0' ? std::strtoull(v, nullptr, 10) : fallback;
+std::size_t environmentNumber(const char* name, std::size_t fallback) {
+  const char* text = std::getenv(name);
+  return text != nullptr && *text != '\0' ? std::strtoull(text, nullptr, 10) : fallback;
 }
 
 struct Config {
@@ -34,183 +33,168 @@ struct Config {
   int mmapThreshold;  // 0: default (off)
 };
 
-void PrintTo(const Config& c, std::ostream* os) { *os << c.name; }
-
 class MspaceStress : public MspaceTest, public ::testing::WithParamInterface<Config> {
  protected:
   struct Block {
-    char* p;
+    char* start;
     std::size_t size;
     unsigned seed;
   };
 
   // Sizes from 1 byte to 6 MiB, most of them small.
   std::size_t randomSize() {
-    const unsigned r = static_cast<unsigned>(rng_() % 10000);
-    auto in = [&](std::size_t lo, std::size_t hi) { return lo + rng_() % (hi - lo + 1); };
-    if (r < 6000) return in(1, 128);
-    if (r < 8200) return in(129, 1024);
-    if (r < 9500) return in(1025, 16384);
-    if (r < 9940) return in(16385, 262144);
-    if (r < 9995) return in(262145, 1 << 20);
-    return in((1 << 20) + 1, 6 << 20);
+    const std::size_t bands[][3] = {{6000, 1, 128},          {8200, 129, 1024},
+                                    {9500, 1025, 16384},     {9940, 16385, 262144},
+                                    {9995, 262145, 1 << 20}, {10000, (1 << 20) + 1, 6 << 20}};
+    const std::size_t percentile = random_() % 10000;
+    for (const auto& [below, low, high] : bands)
+      if (percentile < below) return low + random_() % (high - low + 1);
+    return 1;
   }
 
-  void add(void* p, std::size_t size, std::size_t alignment) {
-    ASSERT_NE(p, nullptr) << "size " << size << " errno " << errno;
-    ASSERT_TRUE(isAligned(p, alignment)) << p << " size " << size;
-    const unsigned seed = static_cast<unsigned>(rng_());
-    Pattern::fill(p, size, seed);
-    live_.push_back({static_cast<char*>(p), size, seed});
+  void add(void* start, std::size_t size, std::size_t alignment) {
+    ASSERT_NE(start, nullptr) << "size " << size << " errno " << errno;
+    ASSERT_TRUE(isAligned(start, alignment)) << start << " size " << size;
+    const unsigned seed = static_cast<unsigned>(random_());
+    Pattern::fill(start, size, seed);
+    live_.push_back({static_cast<char*>(start), size, seed});
     liveBytes_ += size;
   }
 
-  void releaseAt(std::size_t i) {
-    Block b = live_[i];
-    ASSERT_TRUE(Pattern::intact(b.p, b.size, b.seed)) << "block of " << b.size << " bytes was overwritten";
-    mspace_free(m_, b.p);
-    live_[i] = live_.back();
+  void releaseAt(std::size_t index) {
+    const Block block = live_[index];
+    ASSERT_TRUE(Pattern::intact(block.start, block.size, block.seed))
+        << "block of " << block.size << " overwritten";
+    mspace_free(space_, block.start);
+    live_[index] = live_.back();
     live_.pop_back();
-    liveBytes_ -= b.size;
+    liveBytes_ -= block.size;
+  }
+
+  void resize(Block& block) {
+    // Half of the resizes stay near the old size (the in-place paths).
+    const std::size_t size = random_() % 2 == 0
+                                 ? randomSize()
+                                 : std::max<std::size_t>(1, block.size + random_() % 512) -
+                                       std::min<std::size_t>(block.size, 200);
+    char* moved = static_cast<char*>(mspace_realloc(space_, block.start, size));
+    ASSERT_NE(moved, nullptr) << "realloc to " << size;
+    ASSERT_TRUE(isAligned(moved, kMspaceAlignment));
+    ASSERT_TRUE(Pattern::intact(moved, std::min(size, block.size), block.seed))
+        << block.size << " -> " << size;
+    liveBytes_ = liveBytes_ + size - block.size;
+    block = {moved, size, static_cast<unsigned>(random_())};
+    Pattern::fill(moved, size, block.seed);
   }
 
   void step() {
-    const unsigned op = static_cast<unsigned>(rng_() % 100);
-    const bool grow = live_.empty() || (growing_ ? op < 62 : op < 38);
-    if (!grow) {
-      const std::size_t i = rng_() % live_.size();
-      if (op % 4 == 0) return resize(i);
-      return releaseAt(i);
+    const unsigned operation = static_cast<unsigned>(random_() % 100);
+    if (!live_.empty() && operation >= (growing_ ? 62u : 38u)) {
+      const std::size_t index = random_() % live_.size();
+      return operation % 4 == 0 ? resize(live_[index]) : releaseAt(index);
     }
     const std::size_t size = randomSize();
-    switch (op % 10) {
-      case 0: {  // calloc
-        const std::size_t n = size / 8 + 1;
-        auto* p = static_cast<unsigned char*>(mspace_calloc(m_, n, 8));
-        ASSERT_NE(p, nullptr);
-        static const std::vector<unsigned char> zeros(1 << 16);
-        for (std::size_t off = 0; off < n * 8; off += zeros.size())
-          ASSERT_EQ(std::memcmp(p + off, zeros.data(), std::min(zeros.size(), n * 8 - off)), 0);
-        return add(p, n * 8, kMspaceAlignment);
-      }
-      case 1: {  // memalign
-        const std::size_t alignment = std::size_t{32} << (rng_() % 12);
-        return add(mspace_memalign(m_, alignment, size), size, alignment);
-      }
-      case 2:
-        if (op < 8) {  // a few independent blocks
-          unsigned long sizes[4];
-          void* out[4];
-          for (auto& s : sizes) s = 1 + rng_() % 600;
-          ASSERT_EQ(mspace_independent_comalloc(m_, 4, sizes, out), out);
-          for (int k = 0; k < 4; ++k) add(out[k], sizes[k], kMspaceAlignment);
-          return;
-        }
-        [[fallthrough]];
-      default:
-        return add(mspace_malloc(m_, size), size, kMspaceAlignment);
+    if (operation % 10 == 0) {
+      const std::size_t elements = size / 8 + 1;
+      auto* zeroed = static_cast<unsigned char*>(mspace_calloc(space_, elements, 8));
+      ASSERT_NE(zeroed, nullptr);
+      ASSERT_EQ(std::count(zeroed, zeroed + elements * 8, 0), static_cast<long>(elements * 8));
+      return add(zeroed, elements * 8, kMspaceAlignment);
     }
-  }
-
-  void resize(std::size_t i) {
-    Block& b = live_[i];
-    // Half of the resizes stay near the old size (the in-place paths).
-    const std::size_t size = rng_() % 2 == 0
-                                 ? randomSize()
-                                 : std::max<std::size_t>(1, b.size + rng_() % 512) - std::min<std::size_t>(b.size, 200);
-    char* p = static_cast<char*>(mspace_realloc(m_, b.p, size));
-    ASSERT_NE(p, nullptr) << "realloc to " << size;
-    ASSERT_TRUE(isAligned(p, kMspaceAlignment));
-    ASSERT_TRUE(Pattern::intact(p, std::min(size, b.size), b.seed)) << b.size << " -> " << size;
-    liveBytes_ += size;
-    liveBytes_ -= b.size;
-    b.p = p;
-    b.size = size;
-    b.seed = static_cast<unsigned>(rng_());
-    Pattern::fill(p, size, b.seed);
+    if (operation % 10 == 1) {
+      const std::size_t alignment = std::size_t{32} << (random_() % 12);
+      return add(mspace_memalign(space_, alignment, size), size, alignment);
+    }
+    if (operation == 2) {
+      unsigned long sizes[4];
+      void* blocks[4];
+      for (auto& blockSize : sizes) blockSize = 1 + random_() % 600;
+      ASSERT_EQ(mspace_independent_comalloc(space_, 4, sizes, blocks), blocks);
+      for (int index = 0; index < 4; ++index) add(blocks[index], sizes[index], kMspaceAlignment);
+      return;
+    }
+    add(mspace_malloc(space_, size), size, kMspaceAlignment);
   }
 
   void checkStatistics() {
-    const auto info = mspace_mallinfo(m_);
+    const auto info = mspace_mallinfo(space_);
     ASSERT_EQ(info.arena + info.hblkhd, info.uordblks + info.fordblks);
     ASSERT_GE(info.uordblks, liveBytes_);
     ASSERT_GE(info.usmblks, info.arena + info.hblkhd);
   }
 
-  mspace m_ = nullptr;
-  std::mt19937_64 rng_;
+  mspace space_ = nullptr;
+  std::mt19937_64 random_;
   std::vector<Block> live_;
   std::size_t liveBytes_ = 0;
   bool growing_ = true;
 };
 
 TEST_P(MspaceStress, RandomOperationsKeepEveryInvariant) {
-  const Config& c = GetParam();
-  if (c.granularity != 0) {
-    const int g = c.granularity == 1 ? static_cast<int>(pageSize()) : c.granularity;
-    ASSERT_EQ(mspace_mallopt(kMspaceGranularity, g), 1);
+  const Config& config = GetParam();
+  if (config.granularity != 0) {
+    const int granule = config.granularity == 1 ? static_cast<int>(pageSize()) : config.granularity;
+    ASSERT_EQ(mspace_mallopt(kMspaceGranularity, granule), 1);
   }
-  if (c.trimThreshold != 0) {
-    ASSERT_EQ(mspace_mallopt(kMspaceTrimThreshold, c.trimThreshold), 1);
+  if (config.trimThreshold != 0) {
+    ASSERT_EQ(mspace_mallopt(kMspaceTrimThreshold, config.trimThreshold), 1);
   }
-  if (c.mmapThreshold != 0) {
-    ASSERT_EQ(mspace_mallopt(kMspaceMmapThreshold, c.mmapThreshold), 1);
+  if (config.mmapThreshold != 0) {
+    ASSERT_EQ(mspace_mallopt(kMspaceMmapThreshold, config.mmapThreshold), 1);
   }
 
   alignas(16) static unsigned char base[256 * 1024];
-  std::unique_ptr<RecordingSystem> sys;
-  if (c.recorded) {
-    sys = std::make_unique<RecordingSystem>(c.placement, std::size_t{1} << 38);
-    m_ = sys->create(base, sizeof base);
+  std::unique_ptr<RecordingSystem> system;
+  if (config.recorded) {
+    system = std::make_unique<RecordingSystem>(config.placement, std::size_t{1} << 38);
+    space_ = system->create(base, sizeof base);
   } else {
-    m_ = create_mspace(0, 0);
+    space_ = create_mspace(0, 0);
   }
-  ASSERT_NE(m_, nullptr);
-  const std::size_t baseline = mspace_mallinfo(m_).uordblks;
+  ASSERT_NE(space_, nullptr);
+  const std::size_t baseline = mspace_mallinfo(space_).uordblks;
 
-  const std::size_t ops = envNumber("KESTREL_MSPACE_STRESS_OPS", 400000);
-  rng_.seed(envNumber("KESTREL_MSPACE_STRESS_SEED", 20240611) ^ std::hash<std::string>{}(c.name));
-  for (std::size_t i = 0; i < ops; ++i) {
-    if (i % 15000 == 0) growing_ = !growing_;
+  const std::size_t operations = environmentNumber("KESTREL_MSPACE_STRESS_OPS", 400000);
+  random_.seed(environmentNumber("KESTREL_MSPACE_STRESS_SEED", 20240611) ^
+               std::hash<std::string>{}(config.name));
+  for (std::size_t operation = 0; operation < operations; ++operation) {
+    if (operation % 15000 == 0) growing_ = !growing_;
     if (live_.size() > 4000) growing_ = false;
-    ASSERT_NO_FATAL_FAILURE(step()) << "operation " << i;
-    if (i % 4000 == 0) {
-      ASSERT_MSPACE_CONSISTENT(m_) << "after operation " << i;
-      ASSERT_NO_FATAL_FAILURE(checkStatistics()) << "after operation " << i;
+    ASSERT_NO_FATAL_FAILURE(step()) << "operation " << operation;
+    if (operation % 4000 == 0) {
+      ASSERT_MSPACE_CONSISTENT(space_) << "after operation " << operation;
+      ASSERT_NO_FATAL_FAILURE(checkStatistics()) << "after operation " << operation;
     }
-    if (i % 50000 == 49999) {
-      mspace_trim(m_, rng_() % 200000);
-      ASSERT_MSPACE_CONSISTENT(m_) << "after trim at operation " << i;
+    if (operation % 50000 == 49999) {
+      mspace_trim(space_, random_() % 200000);
+      ASSERT_MSPACE_CONSISTENT(space_) << "after trim at operation " << operation;
     }
   }
 
   while (!live_.empty()) ASSERT_NO_FATAL_FAILURE(releaseAt(live_.size() - 1));
-  ASSERT_MSPACE_CONSISTENT(m_);
   // Every free segment but the head goes back; what stays in use is the
   // state and the record of the first segment (plus alignment slack).
-  mspace_trim(m_, 0);
-  ASSERT_MSPACE_CONSISTENT(m_);
-  const std::size_t inUse = mspace_mallinfo(m_).uordblks;
+  mspace_trim(space_, 0);
+  ASSERT_MSPACE_CONSISTENT(space_);
+  const std::size_t inUse = mspace_mallinfo(space_).uordblks;
   EXPECT_GE(inUse, baseline);
   EXPECT_LE(inUse, baseline + internal::kTopFootSize + kMspaceAlignment);
-  if (sys != nullptr) {
-    EXPECT_EQ(sys->sbrkCalls, 0);
-    destroy_mspace(m_);
-    // Everything mapped was given back, through the mspace's own functions.
-    EXPECT_EQ(sys->mappedBytes(sys->unmaps), sys->mappedBytes(sys->segmentMaps) + sys->mappedBytes(sys->directMaps));
-    EXPECT_EQ(sys->foreignUnmaps, 0);
-    if (c.mmapThreshold == 0) {
-      EXPECT_TRUE(sys->directMaps.empty());
-    }
-  } else {
-    destroy_mspace(m_);
+  destroy_mspace(space_);
+  if (system != nullptr) {  // everything mapped went back through the mspace's own functions
+    EXPECT_EQ(system->sbrkCalls, 0);
+    EXPECT_EQ(RecordingSystem::totalBytes(system->unmaps),
+              RecordingSystem::totalBytes(system->segmentMaps) +
+                  RecordingSystem::totalBytes(system->directMaps));
+    EXPECT_EQ(system->foreignUnmaps, 0);
+    EXPECT_EQ(system->directMaps.empty(), config.mmapThreshold == 0);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Configurations, MspaceStress,
     ::testing::Values(Config{"system_defaults", false, Placement::Gapped, 0, 0, 0},
-                      Config{"gapped_direct_maps", true, Placement::Gapped, 0, 512 * 1024, 256 * 1024},
+                      Config{"gapped_direct_maps", true, Placement::Gapped, 0, 512 * 1024,
+                             256 * 1024},
                       Config{"descending_merges", true, Placement::Descending, 0, 1 << 20, 0},
                       Config{"ascending_pool_like", true, Placement::Ascending, 0x400000, -1, 0},
                       Config{"page_granules_eager_trim", true, Placement::Gapped, 1, 64 * 1024, 0}),

@@ -1,13 +1,12 @@
 // Shared helpers of the mspace tests: restoring the process-wide parameters,
-// a recording system-memory provider with controllable placement and
-// failures, and a position-dependent fill pattern.
+// a recording system-memory provider with chosen placement and failures, and
+// a position-dependent fill pattern.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -15,6 +14,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kestrel/memory.h"
@@ -24,38 +24,41 @@ namespace mspace_test {
 
 using kestrel::mspace;
 
-#define EXPECT_MSPACE_CONSISTENT(m) EXPECT_EQ(kestrel::internal::mspaceCheckConsistency(m), "")
-#define ASSERT_MSPACE_CONSISTENT(m) ASSERT_EQ(kestrel::internal::mspaceCheckConsistency(m), "")
-
-inline int asMalloptValue(std::size_t setting) { return setting == ~std::size_t{0} ? -1 : static_cast<int>(setting); }
+#define EXPECT_MSPACE_CONSISTENT(space) \
+  EXPECT_EQ(kestrel::internal::mspaceCheckConsistency(space), "")
+#define ASSERT_MSPACE_CONSISTENT(space) \
+  ASSERT_EQ(kestrel::internal::mspaceCheckConsistency(space), "")
 
 // Base fixture: the process-wide parameters are put back after every test.
 class MspaceTest : public ::testing::Test {
  protected:
-  void SetUp() override { saved_ = kestrel::internal::mspaceParams(); }
+  void SetUp() override { savedParams_ = kestrel::internal::mspaceParams(); }
   void TearDown() override {
-    EXPECT_EQ(kestrel::mspace_mallopt(kestrel::kMspaceTrimThreshold, asMalloptValue(saved_.trim_threshold)), 1);
-    EXPECT_EQ(kestrel::mspace_mallopt(kestrel::kMspaceGranularity, asMalloptValue(saved_.granularity)), 1);
-    EXPECT_EQ(kestrel::mspace_mallopt(kestrel::kMspaceMmapThreshold, asMalloptValue(saved_.mmap_threshold)), 1);
+    const std::pair<int, std::size_t> saved[] = {
+        {kestrel::kMspaceTrimThreshold, savedParams_.trim_threshold},
+        {kestrel::kMspaceGranularity, savedParams_.granularity},
+        {kestrel::kMspaceMmapThreshold, savedParams_.mmap_threshold}};
+    for (const auto& [param, setting] : saved)
+      EXPECT_EQ(kestrel::mspace_mallopt(
+                    param, setting == ~std::size_t{0} ? -1 : static_cast<int>(setting)),
+                1);
   }
   static std::size_t granularity() { return kestrel::internal::mspaceParams().granularity; }
   static std::size_t pageSize() { return kestrel::internal::mspaceParams().page_size; }
   // The mapping size rule: add a granule, clear the bits below it.
   static std::size_t granularityAlign(std::size_t size) {
-    const std::size_t unit = granularity();
-    return (size + unit) & ~(unit - 1);
+    return (size + granularity()) & ~(granularity() - 1);
   }
 
-  kestrel::internal::MspaceParams saved_{};
+  kestrel::internal::MspaceParams savedParams_{};
 };
 
-// A system-memory provider that records every call. Mappings are carved
-// from one reserved address range so that their placement is chosen by the
-// test: with gaps (every mapping a separate segment), ascending without gaps
-// (each new segment directly follows the previous one) or descending without
-// gaps (each directly precedes the previous one). Unmapped ranges are given
-// back to the reservation. New mappings are filled with 0xCD so that code
-// that assumes fresh memory is zero shows up.
+// A system-memory provider that records every call. Mappings are carved from
+// one reserved range so that the test chooses their placement: with gaps
+// (every mapping a separate segment), ascending without gaps (each follows
+// the previous one) or descending without gaps (each precedes it). New
+// mappings are filled with 0xCD so that code assuming zeroed memory shows up.
+// A callback whose context is no live provider aborts the process.
 class RecordingSystem {
  public:
   enum class Placement { Gapped, Ascending, Descending };
@@ -64,127 +67,124 @@ class RecordingSystem {
     std::size_t size;
   };
 
-  explicit RecordingSystem(Placement placement = Placement::Gapped, std::size_t reserve = std::size_t{1} << 32)
-      : placement_(placement), reserveSize_(reserve) {
-    void* range = mmap(nullptr, reserve, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  explicit RecordingSystem(Placement placement = Placement::Gapped,
+                           std::size_t reserveBytes = std::size_t{1} << 32)
+      : placement_(placement), reserveBytes_(reserveBytes) {
+    void* range =
+        mmap(nullptr, reserveBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (range == MAP_FAILED) throw std::runtime_error("cannot reserve address space");
-    reserve_ = static_cast<char*>(range);
-    up_ = reserve_;
-    down_ = reserve_ + reserve;
-    live().push_back(this);
+    reserveStart_ = nextUp_ = static_cast<char*>(range);
+    nextDown_ = reserveStart_ + reserveBytes;
+    liveProviders().push_back(this);
   }
   ~RecordingSystem() {
-    live().erase(std::find(live().begin(), live().end(), this));
-    munmap(reserve_, reserveSize_);
+    liveProviders().erase(std::find(liveProviders().begin(), liveProviders().end(), this));
+    munmap(reserveStart_, reserveBytes_);
   }
   RecordingSystem(const RecordingSystem&) = delete;
   RecordingSystem& operator=(const RecordingSystem&) = delete;
 
   mspace create(void* base, std::size_t capacity) {
-    mspace msp = kestrel::create_mspace_with_base_ca(base, capacity, 0, &segmentMap, &directMap, &sbrk, this);
-    if (msp != nullptr) kestrel::internal::mspaceSetUnmapFunction(msp, &unmap);
-    return msp;
+    mspace space = kestrel::create_mspace_with_base_ca(base, capacity, 0, &segmentMap, &directMap,
+                                                       &sbrk, this);
+    if (space != nullptr) kestrel::internal::mspaceSetUnmapFunction(space, &unmap);
+    return space;
   }
 
-  static void* segmentMap(unsigned long size, void* ctx) { return self(ctx)->map(size, &RecordingSystem::segmentMaps); }
-  static void* directMap(unsigned long size, void* ctx) { return self(ctx)->map(size, &RecordingSystem::directMaps); }
-  static int unmap(char* start, unsigned long size, void* ctx) {
-    RecordingSystem* system = self(ctx);
+  static void* segmentMap(unsigned long size, void* context) {
+    return provider(context)->map(size, false);
+  }
+  static void* directMap(unsigned long size, void* context) {
+    return provider(context)->map(size, true);
+  }
+  static int unmap(char* start, unsigned long size, void* context) {
+    RecordingSystem* system = provider(context);
     system->unmaps.push_back({start, size});
-    if (start < system->reserve_ || start + size > system->reserve_ + system->reserveSize_) {
+    if (!system->contains(start) || !system->contains(start + size - 1)) {
       ++system->foreignUnmaps;
       return -1;
     }
     // Back to the reservation rather than unmapped, so that the range stays ours.
-    void* range = mmap(start, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+    void* range = mmap(start, size, PROT_NONE,
+                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
     return range == MAP_FAILED ? -1 : 0;
   }
-  static void* sbrk(int, void* ctx) {
-    ++self(ctx)->sbrkCalls;
-    return reinterpret_cast<void*>(~static_cast<unsigned long>(0));
+  static void* sbrk(int, void* context) {
+    ++provider(context)->sbrkCalls;
+    return reinterpret_cast<void*>(~std::uintptr_t{0});
   }
 
-  std::size_t mappedBytes(const std::vector<Call>& calls) const {
+  static std::size_t totalBytes(const std::vector<Call>& calls) {
     std::size_t total = 0;
     for (const Call& call : calls) total += call.size;
     return total;
   }
-  bool contains(const void* p) const {
-    return static_cast<const char*>(p) >= reserve_ && static_cast<const char*>(p) < reserve_ + reserveSize_;
+  bool contains(const void* address) const {
+    const char* byte = static_cast<const char*>(address);
+    return byte >= reserveStart_ && byte < reserveStart_ + reserveBytes_;
   }
 
   std::vector<Call> segmentMaps, directMaps, unmaps;
   int sbrkCalls = 0;
-  int foreignUnmaps = 0;                         // unmaps of memory this provider never handed out
-  std::size_t failAfterBytes = ~std::size_t{0};  // mapping fails once this many bytes were handed out
-  std::size_t handedOut = 0;
+  int foreignUnmaps = 0;  // unmaps of memory this provider never handed out
+  std::size_t failAfterBytes =
+      ~std::size_t{0};  // mapping fails once this many bytes were handed out
 
  private:
-  static std::vector<RecordingSystem*>& live() {
+  static std::vector<RecordingSystem*>& liveProviders() {
     static std::vector<RecordingSystem*> providers;
     return providers;
   }
-  static RecordingSystem* self(void* ctx) {
-    auto* system = static_cast<RecordingSystem*>(ctx);
-    if (std::find(live().begin(), live().end(), system) == live().end()) {
+  static RecordingSystem* provider(void* context) {
+    auto* system = static_cast<RecordingSystem*>(context);
+    if (std::find(liveProviders().begin(), liveProviders().end(), system) ==
+        liveProviders().end()) {
       std::fprintf(stderr, "mspace callback arrived with a context that is no live provider\n");
       std::abort();
     }
     return system;
   }
 
-  void* map(std::size_t size, std::vector<Call> RecordingSystem::*log) {
-    const std::size_t page = 4096;
-    if (handedOut + size > failAfterBytes || size > reserveSize_ / 4)
-      return reinterpret_cast<void*>(~std::uintptr_t{0});
-    char* at;
-    switch (placement_) {
-      case Placement::Gapped:
-        at = up_;
-        up_ += size + 16 * page;
-        break;
-      case Placement::Ascending:
-        at = up_;
-        up_ += size;
-        break;
-      case Placement::Descending:
-      default:
-        down_ -= size;
-        at = down_;
-        break;
-    }
-    if (up_ > down_) return reinterpret_cast<void*>(~std::uintptr_t{0});
-    void* mapping = mmap(at, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
-    if (mapping == MAP_FAILED) return reinterpret_cast<void*>(~std::uintptr_t{0});
-    std::memset(mapping, 0xCD, size);
-    handedOut += size;
-    (this->*log).push_back({at, size});
-    return mapping;
+  void* map(std::size_t size, bool direct) {
+    void* const failure = reinterpret_cast<void*>(~std::uintptr_t{0});
+    if (handedOut_ + size > failAfterBytes || size > reserveBytes_ / 4) return failure;
+    char* start = placement_ == Placement::Descending ? (nextDown_ -= size) : nextUp_;
+    if (placement_ != Placement::Descending)
+      nextUp_ += size + (placement_ == Placement::Gapped ? 16 * 4096 : 0);
+    if (nextUp_ > nextDown_) return failure;
+    if (mmap(start, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) ==
+        MAP_FAILED)
+      return failure;
+    std::memset(start, 0xCD, size);
+    handedOut_ += size;
+    (direct ? directMaps : segmentMaps).push_back({start, size});
+    return start;
   }
 
   Placement placement_;
-  std::size_t reserveSize_;
-  char* reserve_;
-  char* up_;
-  char* down_;
+  std::size_t reserveBytes_;
+  std::size_t handedOut_ = 0;
+  char* reserveStart_;
+  char* nextUp_;
+  char* nextDown_;
 };
 
-// Position-dependent bytes: block contents are ref()[seed .. seed + size).
-class Pattern {
- public:
-  static constexpr std::size_t kMax = std::size_t{9} << 20;
-  static const unsigned char* ref() {
+// Position-dependent bytes: the contents of a block are reference()[seed % 256 ..][0 .. size).
+struct Pattern {
+  static const unsigned char* reference() {
     static const std::vector<unsigned char> bytes = [] {
-      std::vector<unsigned char> pattern(kMax + 256);
-      for (std::size_t i = 0; i < pattern.size(); ++i)
-        pattern[i] = static_cast<unsigned char>(i * 7 + (i >> 8) + (i >> 16));
+      std::vector<unsigned char> pattern((std::size_t{9} << 20) + 256);
+      for (std::size_t offset = 0; offset < pattern.size(); ++offset)
+        pattern[offset] = static_cast<unsigned char>(offset * 7 + (offset >> 8) + (offset >> 16));
       return pattern;
     }();
     return bytes.data();
   }
-  static void fill(void* block, std::size_t size, unsigned seed) { std::memcpy(block, ref() + (seed & 0xFF), size); }
+  static void fill(void* block, std::size_t size, unsigned seed) {
+    std::memcpy(block, reference() + (seed & 0xFF), size);
+  }
   static bool intact(const void* block, std::size_t size, unsigned seed) {
-    return std::memcmp(block, ref() + (seed & 0xFF), size) == 0;
+    return std::memcmp(block, reference() + (seed & 0xFF), size) == 0;
   }
 };
 

@@ -1,8 +1,6 @@
 // How an mspace uses its system-memory functions: which function is asked
 // for how much, with which context, what is given back by trimming and by
 // destroy_mspace, and how exhaustion is reported.
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <set>
@@ -16,76 +14,63 @@ using namespace mspace_test;
 using Placement = RecordingSystem::Placement;
 
 // Caller memory for the mspaces of these tests.
-alignas(16) unsigned char base_[64 * 1024];
+alignas(16) unsigned char callerBase[64 * 1024];
 
 class MspaceSystem : public MspaceTest {};
 
-// True if no page of [p, p + n) is mapped.
-bool unmapped(const void* p, std::size_t n) {
-  const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  const auto a = reinterpret_cast<std::uintptr_t>(p);
-  for (std::uintptr_t q = a & ~(page - 1); q < a + n; q += page) {
-    unsigned char v;
-    if (mincore(reinterpret_cast<void*>(q), page, &v) == 0 || errno != ENOMEM) return false;
-  }
-  return true;
-}
-
 TEST_F(MspaceSystem, SegmentRequestsFollowTheGranularityRule) {
-  // A request of normalised size nb that the mspace cannot serve asks the
-  // segment function for nb + kSegmentMapExtra, granularity-aligned, and the
-  // break function is never called.
-  for (int gran : {0, 0x400000}) {
-    if (gran != 0) {
-      ASSERT_EQ(mspace_mallopt(kMspaceGranularity, gran), 1);
+  // A request the mspace cannot serve asks the segment function for the chunk
+  // size plus kSegmentMapExtra, granularity-aligned (a multiple gains a whole
+  // granule); the break function is never called.
+  for (int granule : {0, 0x400000}) {
+    if (granule != 0) {
+      ASSERT_EQ(mspace_mallopt(kMspaceGranularity, granule), 1);
     }
-    for (std::size_t bytes : {std::size_t{1}, std::size_t{1000}, std::size_t{65000}, std::size_t{65455},
-                              std::size_t{200000}, std::size_t{3} << 20}) {
-      RecordingSystem sys(Placement::Gapped);
-      mspace m = sys.create(base_, kMspaceBaseOverhead + 1);  // holds no free byte
-      ASSERT_NE(m, nullptr);
-      void* p = mspace_malloc(m, bytes);
-      ASSERT_NE(p, nullptr) << bytes;
-      ASSERT_EQ(sys.segmentMaps.size(), 1u) << bytes;
-      EXPECT_EQ(sys.segmentMaps[0].size, granularityAlign(internal::requestToSize(bytes) + internal::kSegmentMapExtra))
+    for (std::size_t bytes : {1, 65000, 65455, 200000, 3 << 20}) {
+      RecordingSystem system;
+      mspace space = system.create(callerBase, kMspaceBaseOverhead + 1);  // holds no free byte
+      ASSERT_NE(space, nullptr);
+      void* block = mspace_malloc(space, bytes);
+      ASSERT_NE(block, nullptr) << bytes;
+      ASSERT_EQ(system.segmentMaps.size(), 1u) << bytes;
+      EXPECT_EQ(system.segmentMaps[0].size,
+                granularityAlign(internal::requestToSize(bytes) + internal::kSegmentMapExtra))
           << bytes;
-      EXPECT_EQ(sys.segmentMaps[0].size % granularity(), 0u);
-      EXPECT_TRUE(sys.contains(p));
-      EXPECT_TRUE(sys.directMaps.empty());
-      EXPECT_EQ(sys.sbrkCalls, 0);
-      EXPECT_MSPACE_CONSISTENT(m);
-      destroy_mspace(m);
+      EXPECT_TRUE(system.contains(block));
+      EXPECT_TRUE(system.directMaps.empty());
+      EXPECT_EQ(system.sbrkCalls, 0);
+      EXPECT_MSPACE_CONSISTENT(space);
+      destroy_mspace(space);
     }
   }
 }
 
-TEST_F(MspaceSystem, GrowsOnlyThroughItsOwnFunctionsAndContext) {
-  RecordingSystem a(Placement::Gapped);
-  RecordingSystem b(Placement::Gapped);
-  mspace ma = a.create(base_, 8192);
-  mspace mb = b.create(base_ + 16384, 8192);
-  ASSERT_TRUE(ma && mb);
-  std::vector<void*> blocksA, blocksB;
-  for (int i = 0; i < 300; ++i) {
-    blocksA.push_back(mspace_malloc(ma, 1000 + i * 97));
-    blocksB.push_back(mspace_malloc(mb, 5000 + i * 31));
-    ASSERT_TRUE(blocksA.back() && blocksB.back());
-  }
-  EXPECT_GT(a.segmentMaps.size(), 1u);
-  EXPECT_GT(b.segmentMaps.size(), 1u);
-  auto inside = [](const RecordingSystem& s, void* p) {
-    for (const auto& c : s.segmentMaps)
-      if (p >= static_cast<void*>(c.start) && p < static_cast<void*>(c.start + c.size)) return true;
-    return false;
+TEST_F(MspaceSystem, TwoMspacesGrowOnlyThroughTheirOwnFunctionsAndContext) {
+  RecordingSystem first, second;
+  mspace firstSpace = first.create(callerBase, 8192);
+  mspace secondSpace = second.create(callerBase + 16384, 8192);
+  ASSERT_TRUE(firstSpace && secondSpace);
+  auto inside = [](const RecordingSystem& system, const unsigned char* region, void* block) {
+    for (const auto& mapping : system.segmentMaps)
+      if (block >= static_cast<void*>(mapping.start) &&
+          block < static_cast<void*>(mapping.start + mapping.size))
+        return true;
+    return block >= region && block < region + 8192;
   };
-  for (void* p : blocksA) EXPECT_TRUE(inside(a, p) || (p >= base_ && p < base_ + 8192));
-  for (void* p : blocksB) EXPECT_TRUE(inside(b, p) || (p >= base_ + 16384 && p < base_ + 24576));
-  EXPECT_EQ(a.sbrkCalls + b.sbrkCalls, 0);
-  EXPECT_EQ(mspace_mallinfo(ma).arena, 8192 + a.mappedBytes(a.segmentMaps));
-  EXPECT_MSPACE_CONSISTENT(ma);
-  EXPECT_MSPACE_CONSISTENT(mb);
-  destroy_mspace(ma);
-  destroy_mspace(mb);
+  for (int index = 0; index < 300; ++index) {
+    void* firstBlock = mspace_malloc(firstSpace, 1000 + index * 97);
+    void* secondBlock = mspace_malloc(secondSpace, 5000 + index * 31);
+    EXPECT_TRUE(inside(first, callerBase, firstBlock));
+    EXPECT_TRUE(inside(second, callerBase + 16384, secondBlock));
+  }
+  EXPECT_GT(first.segmentMaps.size(), 1u);
+  EXPECT_GT(second.segmentMaps.size(), 1u);
+  EXPECT_EQ(mspace_mallinfo(firstSpace).arena,
+            8192 + RecordingSystem::totalBytes(first.segmentMaps));
+  EXPECT_MSPACE_CONSISTENT(firstSpace);
+  EXPECT_MSPACE_CONSISTENT(secondSpace);
+  destroy_mspace(firstSpace);
+  destroy_mspace(secondSpace);
 }
 
 // Every placement exercises a different growth path: a new head segment
@@ -94,256 +79,181 @@ TEST_F(MspaceSystem, GrowsOnlyThroughItsOwnFunctionsAndContext) {
 class MspaceGrowth : public MspaceTest, public ::testing::WithParamInterface<Placement> {};
 
 TEST_P(MspaceGrowth, DestroyUnmapsExactlyWhatItMapped) {
-  RecordingSystem sys(GetParam());
-  mspace m = sys.create(base_, sizeof base_);
-  ASSERT_NE(m, nullptr);
+  RecordingSystem system(GetParam());
+  mspace space = system.create(callerBase, sizeof callerBase);
+  ASSERT_NE(space, nullptr);
   std::vector<std::pair<char*, std::size_t>> blocks;
-  for (int i = 0; i < 400; ++i) {
-    const std::size_t s = 100 + static_cast<std::size_t>(i) * 613 % 90000;
-    char* p = static_cast<char*>(mspace_malloc(m, s));
-    ASSERT_NE(p, nullptr);
-    Pattern::fill(p, s, static_cast<unsigned>(i));
-    blocks.emplace_back(p, s);
-    if (i % 3 == 0) {
-      mspace_free(m, blocks[static_cast<std::size_t>(i) / 2].first);
-      blocks[static_cast<std::size_t>(i) / 2].second = 0;
+  for (int index = 0; index < 400; ++index) {
+    const std::size_t size = 100 + static_cast<std::size_t>(index) * 613 % 90000;
+    char* block = static_cast<char*>(mspace_malloc(space, size));
+    ASSERT_NE(block, nullptr);
+    Pattern::fill(block, size, static_cast<unsigned>(index));
+    blocks.emplace_back(block, size);
+    if (index % 3 == 0) {
+      mspace_free(space, blocks[index / 2].first);
+      blocks[index / 2].second = 0;
     }
   }
-  ASSERT_MSPACE_CONSISTENT(m);
-  for (std::size_t i = 0; i < blocks.size(); ++i) {
-    if (blocks[i].second != 0) {
-      ASSERT_TRUE(Pattern::intact(blocks[i].first, blocks[i].second, static_cast<unsigned>(i)));
-    }
-  }
-  ASSERT_GT(sys.segmentMaps.size(), 2u);
-  const std::size_t mapped = sys.mappedBytes(sys.segmentMaps);
-  EXPECT_EQ(mspace_mallinfo(m).arena, sizeof base_ + mapped);
-  ASSERT_TRUE(sys.unmaps.empty());  // trim threshold not reached
+  ASSERT_MSPACE_CONSISTENT(space);
+  for (std::size_t index = 0; index < blocks.size(); ++index)
+    ASSERT_TRUE(
+        Pattern::intact(blocks[index].first, blocks[index].second, static_cast<unsigned>(index)));
+  ASSERT_GT(system.segmentMaps.size(), 2u);
+  const std::size_t mapped = RecordingSystem::totalBytes(system.segmentMaps);
+  EXPECT_EQ(mspace_mallinfo(space).arena, sizeof callerBase + mapped);
+  ASSERT_TRUE(system.unmaps.empty());  // trim threshold not reached
 
-  const unsigned long freed = destroy_mspace(m);
-  EXPECT_EQ(freed, mapped);
-  EXPECT_EQ(sys.mappedBytes(sys.unmaps), mapped);
-  EXPECT_EQ(sys.foreignUnmaps, 0);
-  // Every byte mapped is unmapped exactly once, and the caller's base never.
-  std::set<char*> covered;
-  for (const auto& u : sys.unmaps) {
-    EXPECT_FALSE(u.start < reinterpret_cast<char*>(base_ + sizeof base_) &&
-                 u.start + u.size > reinterpret_cast<char*>(base_));
-    for (std::size_t off = 0; off < u.size; off += 4096) EXPECT_TRUE(covered.insert(u.start + off).second);
-  }
-  for (const auto& s : sys.segmentMaps)
-    for (std::size_t off = 0; off < s.size; off += 4096) EXPECT_EQ(covered.count(s.start + off), 1u);
-  base_[0] = base_[sizeof base_ - 1] = 7;
+  EXPECT_EQ(destroy_mspace(space), mapped);
+  EXPECT_EQ(system.foreignUnmaps, 0);
+  EXPECT_EQ(system.sbrkCalls, 0);
+  // Every page mapped is unmapped exactly once, and the caller's base never.
+  std::set<char*> unmappedPages;
+  for (const auto& unmap : system.unmaps)
+    for (std::size_t offset = 0; offset < unmap.size; offset += 4096)
+      EXPECT_TRUE(unmappedPages.insert(unmap.start + offset).second);
+  EXPECT_EQ(unmappedPages.size() * 4096, mapped);
+  for (const auto& mapping : system.segmentMaps)
+    for (std::size_t offset = 0; offset < mapping.size; offset += 4096)
+      EXPECT_EQ(unmappedPages.count(mapping.start + offset), 1u);
 }
 
 TEST_P(MspaceGrowth, TrimGivesBackFreeSegmentsAndTopThroughTheUnmapFunction) {
-  RecordingSystem sys(GetParam());
-  mspace m = sys.create(base_, sizeof base_);
-  ASSERT_NE(m, nullptr);
+  RecordingSystem system(GetParam());
+  mspace space = system.create(callerBase, sizeof callerBase);
+  ASSERT_NE(space, nullptr);
   ASSERT_EQ(mspace_mallopt(kMspaceTrimThreshold, -1), 1);  // no automatic trimming
   std::vector<void*> blocks;
-  for (int i = 0; i < 64; ++i) blocks.push_back(mspace_malloc(m, 50000));
-  void* keep = mspace_malloc(m, 100);
-  for (void* p : blocks) ASSERT_NE(p, nullptr);
-  for (void* p : blocks) mspace_free(m, p);
-  EXPECT_TRUE(sys.unmaps.empty());
-  ASSERT_MSPACE_CONSISTENT(m);
-  const auto before = mspace_mallinfo(m);
+  for (int index = 0; index < 64; ++index) blocks.push_back(mspace_malloc(space, 50000));
+  void* keep = mspace_malloc(space, 100);
+  for (void* block : blocks) mspace_free(space, block);
+  EXPECT_TRUE(system.unmaps.empty());
+  const auto before = mspace_mallinfo(space);
 
-  EXPECT_EQ(mspace_trim(m, 0), 1);
-  ASSERT_MSPACE_CONSISTENT(m);
-  const auto after = mspace_mallinfo(m);
-  ASSERT_FALSE(sys.unmaps.empty());
-  EXPECT_EQ(before.arena - after.arena, sys.mappedBytes(sys.unmaps));
-  EXPECT_GT(before.arena - after.arena, 2'000'000u);
-  for (const auto& u : sys.unmaps) {
-    EXPECT_EQ(u.size % granularity(), 0u);
-    EXPECT_TRUE(sys.contains(u.start));
+  EXPECT_EQ(mspace_trim(space, 0), 1);
+  ASSERT_MSPACE_CONSISTENT(space);
+  const std::size_t released = before.arena - mspace_mallinfo(space).arena;
+  EXPECT_EQ(released, RecordingSystem::totalBytes(system.unmaps));
+  EXPECT_GT(released, 2'000'000u);
+  for (const auto& unmap : system.unmaps) {
+    EXPECT_EQ(unmap.size % granularity(), 0u);
+    EXPECT_TRUE(system.contains(unmap.start));
   }
-  // Nothing left to give back; the mspace keeps working.
-  EXPECT_EQ(mspace_trim(m, 0), 0);
-  void* again = mspace_malloc(m, 300000);
+  EXPECT_EQ(mspace_trim(space, 0), 0);  // nothing left to give back; the mspace keeps working
+  void* again = mspace_malloc(space, 300000);
   EXPECT_NE(again, nullptr);
-  mspace_free(m, again);
-  mspace_free(m, keep);
-  EXPECT_MSPACE_CONSISTENT(m);
-  destroy_mspace(m);
+  mspace_free(space, again);
+  mspace_free(space, keep);
+  EXPECT_MSPACE_CONSISTENT(space);
+  destroy_mspace(space);
 }
 
 INSTANTIATE_TEST_SUITE_P(Placements, MspaceGrowth,
-                         ::testing::Values(Placement::Gapped, Placement::Ascending, Placement::Descending));
+                         ::testing::Values(Placement::Gapped, Placement::Ascending,
+                                           Placement::Descending));
 
-TEST_F(MspaceSystem, TrimThresholdTriggersTrimmingOnFree) {
-  ASSERT_EQ(mspace_mallopt(kMspaceTrimThreshold, 256 * 1024), 1);
-  RecordingSystem sys(Placement::Gapped);
-  mspace m = sys.create(base_, 4096);
-  ASSERT_NE(m, nullptr);
-  void* big = mspace_malloc(m, 2 << 20);
-  ASSERT_NE(big, nullptr);
-  mspace_free(m, big);  // the top grows beyond the threshold
-  EXPECT_FALSE(sys.unmaps.empty());
-  EXPECT_MSPACE_CONSISTENT(m);
-  destroy_mspace(m);
-
-  // With the threshold at its maximum (as the pools set it) nothing is
-  // given back until an explicit trim.
-  ASSERT_EQ(mspace_mallopt(kMspaceTrimThreshold, -1), 1);
-  RecordingSystem keep(Placement::Gapped);
-  m = keep.create(base_, 4096);
-  big = mspace_malloc(m, 2 << 20);
-  mspace_free(m, big);
-  EXPECT_TRUE(keep.unmaps.empty());
-  EXPECT_EQ(mspace_trim(m, 0), 1);
-  EXPECT_FALSE(keep.unmaps.empty());
-  destroy_mspace(m);
-}
-
-TEST_F(MspaceSystem, ExternalRegionIsNeverTrimmedOrUnmapped) {
-  RecordingSystem sys(Placement::Gapped);
-  mspace m = sys.create(base_, sizeof base_);
-  void* p = mspace_malloc(m, 30000);
-  mspace_free(m, p);
-  EXPECT_EQ(mspace_trim(m, 0), 0);
-  EXPECT_EQ(destroy_mspace(m), 0u);
-  EXPECT_TRUE(sys.unmaps.empty());
-  EXPECT_TRUE(sys.segmentMaps.empty());
-}
-
-TEST_F(MspaceSystem, DefaultUnmapFunctionReleasesTheMappings) {
-  // Black box: with the default unmapping function the segments are really
-  // gone after destroy_mspace, while the caller's region stays usable.
-  mspace m =
-      create_mspace_with_base_ca(base_, 4096, 0, &default_mmap_func, &default_direct_mmap_func, nullptr, nullptr);
-  ASSERT_NE(m, nullptr);
-  std::vector<char*> blocks;
-  for (int i = 0; i < 20; ++i) blocks.push_back(static_cast<char*>(mspace_malloc(m, 200000)));
-  for (char* b : blocks) ASSERT_NE(b, nullptr);
-  const std::size_t mapped = mspace_mallinfo(m).arena - 4096;
-  EXPECT_EQ(destroy_mspace(m), mapped);
-  for (char* b : blocks) EXPECT_TRUE(unmapped(b, 200000));
-  base_[0] = 1;
-  base_[4095] = 2;
-  EXPECT_EQ(base_[0] + base_[4095], 3);
+TEST_F(MspaceSystem, TrimThresholdDecidesAutomaticTrimmingAndTheCallerRegionIsKept) {
+  for (int threshold : {256 * 1024, -1}) {  // -1: never automatically, as the pools set it
+    ASSERT_EQ(mspace_mallopt(kMspaceTrimThreshold, threshold), 1);
+    RecordingSystem system;
+    mspace space = system.create(callerBase, 4096);
+    ASSERT_NE(space, nullptr);
+    mspace_free(space, mspace_malloc(space, 2 << 20));  // the top grows beyond the threshold
+    EXPECT_EQ(system.unmaps.empty(), threshold == -1);
+    EXPECT_EQ(mspace_trim(space, 0), threshold == -1 ? 1 : 0);
+    EXPECT_FALSE(system.unmaps.empty());
+    EXPECT_MSPACE_CONSISTENT(space);
+    destroy_mspace(space);
+  }
+  // A caller region alone is never trimmed or unmapped.
+  RecordingSystem system;
+  mspace space = system.create(callerBase, sizeof callerBase);
+  mspace_free(space, mspace_malloc(space, 30000));
+  EXPECT_EQ(mspace_trim(space, 0), 0);
+  EXPECT_EQ(destroy_mspace(space), 0u);
+  EXPECT_TRUE(system.unmaps.empty());
+  EXPECT_TRUE(system.segmentMaps.empty());
 }
 
 TEST_F(MspaceSystem, ExhaustionReturnsNullWithEnomemAndKeepsWhatItHas) {
-  RecordingSystem sys(Placement::Gapped);
-  sys.failAfterBytes = 3 * granularity();
-  mspace m = sys.create(base_, sizeof base_);
-  ASSERT_NE(m, nullptr);
+  RecordingSystem system;
+  system.failAfterBytes = 3 * granularity();
+  mspace space = system.create(callerBase, sizeof callerBase);
+  ASSERT_NE(space, nullptr);
   std::vector<std::pair<void*, std::size_t>> live;
-  for (unsigned i = 0;; ++i) {
-    const std::size_t s = 500 + i * 37 % 3000;
+  for (unsigned index = 0;; ++index) {
+    const std::size_t size = 500 + index * 37 % 3000;
     errno = 0;
-    void* p = mspace_malloc(m, s);
-    if (p == nullptr) {
-      EXPECT_EQ(errno, ENOMEM);
-      break;
-    }
-    Pattern::fill(p, s, i);
-    live.emplace_back(p, s);
-    ASSERT_LT(i, 100000u);
+    void* block = mspace_malloc(space, size);
+    if (block == nullptr) break;
+    Pattern::fill(block, size, index);
+    live.emplace_back(block, size);
+    ASSERT_LT(index, 100000u);
   }
-  ASSERT_MSPACE_CONSISTENT(m);
-  EXPECT_FALSE(sys.segmentMaps.empty());
-  errno = 0;
-  EXPECT_EQ(mspace_malloc(m, 1 << 20), nullptr);
   EXPECT_EQ(errno, ENOMEM);
+  ASSERT_MSPACE_CONSISTENT(space);
+  EXPECT_FALSE(system.segmentMaps.empty());
   errno = 0;
-  EXPECT_EQ(mspace_realloc(m, live.back().first, 1 << 20), nullptr);
+  EXPECT_EQ(mspace_realloc(space, live.back().first, 1 << 20), nullptr);
   EXPECT_EQ(errno, ENOMEM);
-  for (std::size_t i = 0; i < live.size(); ++i)
-    ASSERT_TRUE(Pattern::intact(live[i].first, live[i].second, static_cast<unsigned>(i)));
+  for (std::size_t index = 0; index < live.size(); ++index)
+    ASSERT_TRUE(
+        Pattern::intact(live[index].first, live[index].second, static_cast<unsigned>(index)));
 
   // What was freed can be allocated again without new memory.
-  const std::size_t mappings = sys.segmentMaps.size();
-  for (std::size_t i = 0; i < live.size(); i += 2) mspace_free(m, live[i].first);
-  for (std::size_t i = 0; i < live.size(); i += 2) {
-    live[i].first = mspace_malloc(m, live[i].second);
-    ASSERT_NE(live[i].first, nullptr) << i;
-  }
-  EXPECT_EQ(sys.segmentMaps.size(), mappings);
-  EXPECT_MSPACE_CONSISTENT(m);
-  destroy_mspace(m);
+  const std::size_t mappings = system.segmentMaps.size();
+  mspace_free(space, live.front().first);
+  EXPECT_NE(mspace_malloc(space, live.front().second), nullptr);
+  EXPECT_EQ(system.segmentMaps.size(), mappings);
+  EXPECT_MSPACE_CONSISTENT(space);
+  destroy_mspace(space);
 }
 
-TEST_F(MspaceSystem, DirectMappingOnlyBelowALoweredThreshold) {
-  RecordingSystem sys(Placement::Gapped);
-  mspace m = sys.create(base_, 4096);
-  ASSERT_NE(m, nullptr);
-  // Default threshold: even a huge block comes from a segment.
-  void* huge = mspace_malloc(m, 16 << 20);
-  ASSERT_NE(huge, nullptr);
-  EXPECT_TRUE(sys.directMaps.empty());
-  EXPECT_EQ(mspace_mallinfo(m).hblkhd, 0u);
-  mspace_free(m, huge);
+TEST_F(MspaceSystem, DirectMappingOnlyAboveALoweredThreshold) {
+  RecordingSystem system;
+  mspace space = system.create(callerBase, 4096);
+  ASSERT_NE(space, nullptr);
+  mspace_free(space,
+              mspace_malloc(space, 16 << 20));  // default threshold: even a huge block is a segment
+  EXPECT_TRUE(system.directMaps.empty());
 
   ASSERT_EQ(mspace_mallopt(kMspaceMmapThreshold, 1 << 20), 1);
-  mspace_trim(m, 0);  // the freed 16 MiB may still be top; later requests must need system memory
-  const std::size_t segmentsBefore = sys.segmentMaps.size();
-  const std::size_t unmapsBefore = sys.unmaps.size();
-  std::vector<void*> big;
-  for (std::size_t bytes : {std::size_t{1} << 20, std::size_t{3} << 20, (std::size_t{5} << 20) + 3}) {
-    const std::size_t nDirect = sys.directMaps.size();
-    void* p = mspace_malloc(m, bytes);
-    ASSERT_NE(p, nullptr);
-    ASSERT_EQ(sys.directMaps.size(), nDirect + 1) << bytes;
-    EXPECT_EQ(sys.directMaps.back().size, granularityAlign(internal::requestToSize(bytes) + internal::kDirectMapExtra));
-    EXPECT_TRUE(isAligned(p, kMspaceAlignment));
-    Pattern::fill(p, bytes, 5);
-    big.push_back(p);
+  mspace_trim(space, 0);  // later requests must need system memory
+  const std::size_t segmentsBefore = system.segmentMaps.size();
+  const std::size_t unmapsBefore = system.unmaps.size();
+  std::vector<void*> direct;
+  for (std::size_t bytes : {std::size_t{1} << 20, (std::size_t{5} << 20) + 3}) {
+    void* block = mspace_malloc(space, bytes);
+    ASSERT_NE(block, nullptr);
+    ASSERT_EQ(system.directMaps.size(), direct.size() + 1) << bytes;
+    EXPECT_EQ(system.directMaps.back().size,
+              granularityAlign(internal::requestToSize(bytes) + internal::kDirectMapExtra));
+    EXPECT_TRUE(isAligned(block, kMspaceAlignment));
+    Pattern::fill(block, bytes, 5);
+    direct.push_back(block);
   }
-  EXPECT_EQ(sys.segmentMaps.size(), segmentsBefore);
-  EXPECT_EQ(mspace_mallinfo(m).hblkhd, sys.mappedBytes(sys.directMaps));
-  ASSERT_MSPACE_CONSISTENT(m);
+  // A direct map from a function other than the default is not assumed zeroed.
+  auto* zeroed = static_cast<unsigned char*>(mspace_calloc(space, 1, 2 << 20));
+  ASSERT_NE(zeroed, nullptr);
+  EXPECT_EQ(zeroed[0] | zeroed[1 << 20] | zeroed[(2 << 20) - 1], 0);
+  direct.push_back(zeroed);
+  EXPECT_EQ(system.segmentMaps.size(), segmentsBefore);
+  EXPECT_EQ(mspace_mallinfo(space).hblkhd, RecordingSystem::totalBytes(system.directMaps));
+  ASSERT_MSPACE_CONSISTENT(space);
 
-  // A direct map from a function other than the system default is not
-  // assumed to be zero (RecordingSystem fills new mappings with 0xCD).
-  auto* z = static_cast<unsigned char*>(mspace_calloc(m, 1, 2 << 20));
-  ASSERT_NE(z, nullptr);
-  EXPECT_EQ(z[0] | z[1 << 20] | z[(2 << 20) - 1], 0);
-  big.push_back(z);
-
-  // Below the threshold a request that needs system memory gets a segment.
-  void* below = mspace_malloc(m, 900000);
+  void* below = mspace_malloc(space, 900000);  // below the threshold: a segment
   ASSERT_NE(below, nullptr);
-  EXPECT_EQ(sys.directMaps.size(), big.size());
-  EXPECT_EQ(sys.segmentMaps.size(), segmentsBefore + 1);
+  EXPECT_EQ(system.directMaps.size(), direct.size());
+  EXPECT_EQ(system.segmentMaps.size(), segmentsBefore + 1);
 
-  for (void* p : big) mspace_free(m, p);
-  EXPECT_EQ(mspace_mallinfo(m).hblkhd, 0u);
-  ASSERT_EQ(sys.unmaps.size(), unmapsBefore + sys.directMaps.size());
-  for (std::size_t i = 0; i < sys.directMaps.size(); ++i) {
-    EXPECT_EQ(sys.unmaps[unmapsBefore + i].start, sys.directMaps[i].start);
-    EXPECT_EQ(sys.unmaps[unmapsBefore + i].size, sys.directMaps[i].size);
-  }
-  mspace_free(m, below);
-  EXPECT_MSPACE_CONSISTENT(m);
-  destroy_mspace(m);
-}
-
-TEST_F(MspaceSystem, PoolConfigurationGrowsInWholeLargeGranules) {
-  // As a memory pool sets them: 4 MiB granules, never trim automatically.
-  ASSERT_EQ(mspace_mallopt(kMspaceGranularity, 0x400000), 1);
-  ASSERT_EQ(mspace_mallopt(kMspaceTrimThreshold, -1), 1);
-  RecordingSystem sys(Placement::Gapped);
-  const std::size_t region = 0x400000;
-  void* base = RecordingSystem::directMap(region, &sys);
-  mspace m = create_mspace_with_base_ca(base, region, 0, &RecordingSystem::directMap, &RecordingSystem::segmentMap,
-                                        &RecordingSystem::sbrk, &sys);
-  ASSERT_NE(m, nullptr);
-  std::vector<void*> blocks;
-  for (int i = 0; i < 2000; ++i) blocks.push_back(mspace_malloc(m, 10000));
-  for (void* p : blocks) ASSERT_NE(p, nullptr);
-  // fn4 is the segment function: here RecordingSystem::directMap, logged as a direct map.
-  ASSERT_GT(sys.directMaps.size(), 1u);
-  for (std::size_t i = 1; i < sys.directMaps.size(); ++i) EXPECT_EQ(sys.directMaps[i].size, 0x400000u);
-  EXPECT_TRUE(sys.segmentMaps.empty());
-  EXPECT_EQ(sys.sbrkCalls, 0);
-  for (void* p : blocks) mspace_free(m, p);
-  EXPECT_TRUE(sys.unmaps.empty());
-  EXPECT_MSPACE_CONSISTENT(m);
-  destroy_mspace(m);
+  for (void* block : direct) mspace_free(space, block);
+  EXPECT_EQ(mspace_mallinfo(space).hblkhd, 0u);
+  ASSERT_EQ(system.unmaps.size(), unmapsBefore + system.directMaps.size());
+  EXPECT_EQ(
+      RecordingSystem::totalBytes({system.unmaps.begin() + unmapsBefore, system.unmaps.end()}),
+      RecordingSystem::totalBytes(system.directMaps));
+  mspace_free(space, below);
+  EXPECT_MSPACE_CONSISTENT(space);
+  destroy_mspace(space);
 }
 
 }  // namespace
