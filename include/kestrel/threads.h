@@ -233,10 +233,16 @@ KESTREL_EXPORT long TestThenAdd(long volatile* value, long delta);
 // Global locks
 // ---------------------------------------------------------------------------
 
-// The library's general process-wide lock (status registry, error log, clock
-// set-up). Created on first use from any thread: exactly one SpinLock is
-// created however many threads race for it. Recursive. All members static.
-class KESTREL_EXPORT GlobalLock {
+namespace detail {
+
+// A process-wide SpinLock created on first use from any thread: exactly one
+// lock is created however many threads race for it (the first to count
+// itself in creates it; the others sleep 1 ms at a time until it exists).
+// GlobalLock and BlockMainLock derive from it with themselves as `Owner`,
+// which gives each a lock of its own. All members static; the lock is
+// recursive.
+template <class Owner>
+class KESTREL_EXPORT ProcessLock {
  public:
   // Creates the lock if it does not exist yet.
   static void initGlobalLock();
@@ -249,8 +255,8 @@ class KESTREL_EXPORT GlobalLock {
   // Releases one level; -1 if the caller does not hold it.
   static int unlock();
   // Destroys the lock. Deliberate: the "created" flag stays set, so the
-  // lock is not created again and the operations above must not be used
-  // any more; call it only at the very end of the process.
+  // lock is not created again and the operations above return -1 from then
+  // on; call it only at the very end of the process.
   static void shutdown();
 
  private:
@@ -258,25 +264,23 @@ class KESTREL_EXPORT GlobalLock {
   static std::atomic<int> globalLockInited;
   static long volatile globalLockInterlock;
 };
+
+}  // namespace detail
+
+class GlobalLock;
+class BlockMainLock;
+extern template class detail::ProcessLock<GlobalLock>;
+extern template class detail::ProcessLock<BlockMainLock>;
+
+// The library's general process-wide lock, for small shared state that has
+// no lock of its own (status registry, error log, clock set-up).
+class KESTREL_EXPORT GlobalLock : public detail::ProcessLock<GlobalLock> {};
 
 // The lock a worker holds for the whole of a waiting call into the main
 // thread (Timer::execute with wait), so that at most one worker at a time
-// waits for the main thread. Same members and behaviour as GlobalLock, with
-// a lock of its own.
-class KESTREL_EXPORT BlockMainLock {
- public:
-  static void initGlobalLock();
-  static SpinLock* gGlobalLock();
-  static int lock();
-  static int trylock();
-  static int unlock();
-  static void shutdown();
-
- private:
-  static std::atomic<SpinLock*> globalLock;
-  static std::atomic<int> globalLockInited;
-  static long volatile globalLockInterlock;
-};
+// waits for the main thread. Taken with trylock(): a second waiting call is
+// dropped, never queued.
+class KESTREL_EXPORT BlockMainLock : public detail::ProcessLock<BlockMainLock> {};
 
 // ---------------------------------------------------------------------------
 // Asynchronous workers

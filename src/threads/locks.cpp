@@ -46,66 +46,48 @@ int Barrier::enter() {
 // GlobalLock and BlockMainLock
 // ---------------------------------------------------------------------------
 
-std::atomic<SpinLock*> GlobalLock::globalLock{nullptr};
-std::atomic<int> GlobalLock::globalLockInited{0};
-long volatile GlobalLock::globalLockInterlock = 0;
+namespace detail {
 
-std::atomic<SpinLock*> BlockMainLock::globalLock{nullptr};
-std::atomic<int> BlockMainLock::globalLockInited{0};
-long volatile BlockMainLock::globalLockInterlock = 0;
+template <class Owner>
+std::atomic<SpinLock*> ProcessLock<Owner>::globalLock{nullptr};
+template <class Owner>
+std::atomic<int> ProcessLock<Owner>::globalLockInited{0};
+template <class Owner>
+long volatile ProcessLock<Owner>::globalLockInterlock = 0;
 
-// Both classes run the same lazily created lock; inside each member the
-// unqualified names are that class's own statics.
-#define KESTREL_LAZY detail::LazyLock<>(globalLock, globalLockInited, globalLockInterlock)
-
-void GlobalLock::initGlobalLock() {
-  KESTREL_LAZY.init();
+template <class Owner>
+void ProcessLock<Owner>::initGlobalLock() {
+  LazyLock<>(globalLock, globalLockInited, globalLockInterlock).init();
 }
 
-SpinLock* GlobalLock::gGlobalLock() {
-  return KESTREL_LAZY.get();
+template <class Owner>
+SpinLock* ProcessLock<Owner>::gGlobalLock() {
+  return LazyLock<>(globalLock, globalLockInited, globalLockInterlock).get();
 }
 
-int GlobalLock::lock() {
-  return KESTREL_LAZY.lock();
+template <class Owner>
+int ProcessLock<Owner>::lock() {
+  return LazyLock<>(globalLock, globalLockInited, globalLockInterlock).lock();
 }
 
-int GlobalLock::trylock() {
-  return KESTREL_LAZY.trylock();
+template <class Owner>
+int ProcessLock<Owner>::trylock() {
+  return LazyLock<>(globalLock, globalLockInited, globalLockInterlock).trylock();
 }
 
-int GlobalLock::unlock() {
-  return KESTREL_LAZY.unlock();
+template <class Owner>
+int ProcessLock<Owner>::unlock() {
+  return LazyLock<>(globalLock, globalLockInited, globalLockInterlock).unlock();
 }
 
-void GlobalLock::shutdown() {
-  KESTREL_LAZY.shutdown();
+template <class Owner>
+void ProcessLock<Owner>::shutdown() {
+  LazyLock<>(globalLock, globalLockInited, globalLockInterlock).shutdown();
 }
 
-void BlockMainLock::initGlobalLock() {
-  KESTREL_LAZY.init();
-}
+template class ProcessLock<GlobalLock>;
+template class ProcessLock<BlockMainLock>;
 
-SpinLock* BlockMainLock::gGlobalLock() {
-  return KESTREL_LAZY.get();
-}
-
-int BlockMainLock::lock() {
-  return KESTREL_LAZY.lock();
-}
-
-int BlockMainLock::trylock() {
-  return KESTREL_LAZY.trylock();
-}
-
-int BlockMainLock::unlock() {
-  return KESTREL_LAZY.unlock();
-}
-
-void BlockMainLock::shutdown() {
-  KESTREL_LAZY.shutdown();
-}
-
-#undef KESTREL_LAZY
+}  // namespace detail
 
 }  // namespace kestrel
