@@ -85,7 +85,7 @@ void tourSettings(QTextStream& out) {
   CountSetting crashes(group, QStringLiteral("crashes"), 0, true, false);
   FloatSetting fov(group, QStringLiteral("fieldOfView"), 60.5f, true, false);
   DoubleSetting altitude(group, QStringLiteral("altitude"), 1234567.0, true, false);
-  StringSetting server(group, QStringLiteral("server"), QStringLiteral("kh.example.org"), true,
+  StringSetting server(group, QStringLiteral("server"), QStringLiteral("tiles.example.org"), true,
                        false);
   HashedStringSetting user(group, QStringLiteral("user"), QStringLiteral("someone"), true, false);
   IntPairSetting winSize(group, QStringLiteral("winSize"), {640, 480}, true, false);
