@@ -200,14 +200,19 @@ void touch(void* p) {
   *static_cast<volatile char*>(p) = 1;
 }
 
+// Allocates (and touches) one block of each size of the small trace.
+void allocateSmallBlocks(const Peer& a, const Traces& t, std::vector<void*>& p) {
+  for (std::size_t i = 0; i < p.size(); ++i) {
+    p[i] = a.alloc(t.smallSizes[i]);
+    touch(p[i]);
+  }
+}
+
 void smallLifo(benchmark::State& state, const Peer& a) {
   const auto& t = traces();
   std::vector<void*> p(kSmallBlocks);
   for (auto _ : state) {
-    for (int i = 0; i < kSmallBlocks; ++i) {
-      p[static_cast<std::size_t>(i)] = a.alloc(t.smallSizes[static_cast<std::size_t>(i)]);
-      touch(p[static_cast<std::size_t>(i)]);
-    }
+    allocateSmallBlocks(a, t, p);
     for (int i = kSmallBlocks - 1; i >= 0; --i) a.release(p[static_cast<std::size_t>(i)]);
   }
   state.counters["ns_per_op"] = benchmark::Counter(
@@ -218,10 +223,7 @@ void smallRandom(benchmark::State& state, const Peer& a) {
   const auto& t = traces();
   std::vector<void*> p(kSmallBlocks);
   for (auto _ : state) {
-    for (int i = 0; i < kSmallBlocks; ++i) {
-      p[static_cast<std::size_t>(i)] = a.alloc(t.smallSizes[static_cast<std::size_t>(i)]);
-      touch(p[static_cast<std::size_t>(i)]);
-    }
+    allocateSmallBlocks(a, t, p);
     for (int i : t.smallOrder) a.release(p[static_cast<std::size_t>(i)]);
   }
   state.counters["ns_per_op"] = benchmark::Counter(

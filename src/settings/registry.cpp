@@ -26,26 +26,44 @@ constinit QList<QList<Setting*>> Setting::sRestoreList;
 
 namespace detail {
 
+// Push-front and unlink for the registry's intrusive doubly linked lists;
+// `Next` and `Prev` name the node's two link members.
+template <typename Node, Node* Node::*Next, Node* Node::*Prev>
+struct IntrusiveList {
+  static void pushFront(Node*& head, Node& node) {
+    node.*Prev = nullptr;
+    node.*Next = head;
+    if (head) head->*Prev = &node;
+    head = &node;
+  }
+
+  // Leaves the node with null links.
+  static void unlink(Node*& head, Node& node) {
+    if (node.*Prev) {
+      node.*Prev->*Next = node.*Next;
+    } else {
+      head = node.*Next;
+    }
+    if (node.*Next) node.*Next->*Prev = node.*Prev;
+    node.*Next = nullptr;
+    node.*Prev = nullptr;
+  }
+};
+
 struct RegistryAccess {
+  using ObserverList = IntrusiveList<Observer, &Observer::mNext, &Observer::mPrev>;
+  using GroupList = IntrusiveList<SettingGroup, &SettingGroup::mNext, &SettingGroup::mPrev>;
+  using PendingList = IntrusiveList<Setting, &Setting::mPendingNext, &Setting::mPendingPrev>;
+
   static void attach(Observer& observer, Observer** head) {
     observer.mList = head;
-    observer.mPrev = nullptr;
-    observer.mNext = *head;
-    if (*head) (*head)->mPrev = &observer;
-    *head = &observer;
+    ObserverList::pushFront(*head, observer);
   }
 
   static void unlink(Observer& observer) {
     if (!observer.mList) return;
-    if (observer.mPrev) {
-      observer.mPrev->mNext = observer.mNext;
-    } else {
-      *observer.mList = observer.mNext;
-    }
-    if (observer.mNext) observer.mNext->mPrev = observer.mPrev;
+    ObserverList::unlink(*observer.mList, observer);
     observer.mList = nullptr;
-    observer.mNext = nullptr;
-    observer.mPrev = nullptr;
   }
 
   // Detaches every observer of a dying subject without calling it.
@@ -80,6 +98,8 @@ struct RegistryAccess {
 }  // namespace detail
 
 using detail::RegistryAccess;
+using GroupList = RegistryAccess::GroupList;
+using PendingList = RegistryAccess::PendingList;
 
 // ---------------------------------------------------------------- observers
 
@@ -119,9 +139,7 @@ Setting::Setting(SettingGroup& group, const QString& name, bool firstFlag, bool 
       return;
     }
   }
-  mPendingNext = gPendingHead;
-  if (gPendingHead) gPendingHead->mPendingPrev = this;
-  gPendingHead = this;
+  PendingList::pushFront(gPendingHead, *this);
 }
 
 Setting::~Setting() {
@@ -130,13 +148,7 @@ Setting::~Setting() {
     // only leaves the pending list; the group never adopted it, so there is
     // nothing to remove from the group (whose storage may not even be a
     // constructed object).
-    if (mPendingPrev) {
-      mPendingPrev->mPendingNext = mPendingNext;
-    } else {
-      gPendingHead = mPendingNext;
-    }
-    if (mPendingNext) mPendingNext->mPendingPrev = mPendingPrev;
-    mPendingNext = mPendingPrev = nullptr;
+    PendingList::unlink(gPendingHead, *this);
   } else if (mGroup) {
     std::vector<Setting*>& members = mGroup->mSettings;
     for (auto it = members.begin(); it != members.end(); ++it) {
@@ -207,9 +219,7 @@ bool Setting::popAllSettings() {
 // ------------------------------------------------------------------- groups
 
 SettingGroup::SettingGroup(const QString& name) : mName(name) {
-  mNext = gGroupHead;
-  if (gGroupHead) gGroupHead->mPrev = this;
-  gGroupHead = this;
+  GroupList::pushFront(gGroupHead, *this);
   ++gGroupCount;
 
   // Adopt the settings that were waiting for this group, in pending-list
@@ -218,13 +228,7 @@ SettingGroup::SettingGroup(const QString& name) : mName(name) {
   while (setting) {
     Setting* next = setting->mPendingNext;
     if (setting->mGroup == this) {
-      if (setting->mPendingPrev) {
-        setting->mPendingPrev->mPendingNext = next;
-      } else {
-        gPendingHead = next;
-      }
-      if (next) next->mPendingPrev = setting->mPendingPrev;
-      setting->mPendingNext = setting->mPendingPrev = nullptr;
+      PendingList::unlink(gPendingHead, *setting);
       mSettings.push_back(setting);
     }
     setting = next;
@@ -235,13 +239,7 @@ SettingGroup::~SettingGroup() {
   RegistryAccess::notify(&mObservers, &SettingGroupObserver::onPreDelete,
                          SettingGroupEvent{this, nullptr}, false);
 
-  if (mPrev) {
-    mPrev->mNext = mNext;
-  } else {
-    gGroupHead = mNext;
-  }
-  if (mNext) mNext->mPrev = mPrev;
-  mNext = mPrev = nullptr;
+  GroupList::unlink(gGroupHead, *this);
   --gGroupCount;
 
   for (Setting* setting : mSettings) setting->mGroup = nullptr;
