@@ -9,6 +9,7 @@ packages=(
   qt6-base-dev zlib1g-dev libexpat1-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libjemalloc-dev libmimalloc-dev
+  libgeographiclib-dev libhowardhinnant-date-dev libminizip-dev
   clang libclang-rt-14-dev
 )
 

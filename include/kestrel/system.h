@@ -106,6 +106,17 @@ class KESTREL_EXPORT System {
   // application object to post to. Nothing is shown if the application is
   // not a widget application (a QApplication).
   static int AsyncMessageBox(MessageType type, const QString& title, const QString& text);
+
+  // ------------------------------------------------------------------
+  // Clock and frames
+  // ------------------------------------------------------------------
+
+  // Seconds elapsed on the application clock, whose zero is fixed when the
+  // library is loaded. Never decreases. Thread-safe.
+  static double getTime();
+
+  // The current frame number, maintained by the application (main thread).
+  static int sCurFrame;
 };
 
 }  // namespace kestrel
