@@ -115,8 +115,16 @@ class KESTREL_EXPORT System {
   // library is loaded. Never decreases. Thread-safe.
   static double getTime();
 
+  // The wall-clock moment the library was loaded, in seconds since
+  // 0000-01-01T00:00:00 UTC of the proleptic Gregorian calendar (the scale of
+  // DateTime::toSeconds). Thread-safe.
+  static double getStartTime();
+
   // The current frame number, maintained by the application (main thread).
   static int sCurFrame;
 };
+
+// The value getStartTime() returns.
+KESTREL_EXPORT extern double sStartTime;
 
 }  // namespace kestrel
