@@ -106,14 +106,35 @@ struct XmlReader::ParseState {
 
   static void XMLCALL endElement(void* user, const XML_Char*) {
     auto* state = static_cast<ParseState*>(user);
-    if (state->open.empty()) return;
-    QString value =
-        QString::fromUtf8(state->text.data(), static_cast<qsizetype>(state->text.size()));
-    value = value.trimmed();
-    if (value.isNull()) value = QStringLiteral("");  // an ended element has a value, if empty
-    state->open.back().node->value = std::move(value);
+    if (state->open.empty())
+      return;
+    state->open.back().node->value = trimmedValue(state->text);
     state->open.pop_back();
     state->text.clear();
+  }
+
+  // The text with white space stripped at both ends, as QString::trimmed
+  // strips it, but converting only what remains: ASCII white space is cut
+  // from the bytes, and QString does the rest only when a non-ASCII
+  // character (which might be Unicode white space) is left at an end. An
+  // ended element always has a value, if an empty one.
+  static QString trimmedValue(const std::string& text) {
+    const auto isAsciiSpace = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+    std::size_t begin = 0;
+    std::size_t end = text.size();
+    while (begin < end && isAsciiSpace(text[begin]))
+      ++begin;
+    while (end > begin && isAsciiSpace(text[end - 1]))
+      --end;
+    if (begin == end)
+      return QStringLiteral("");
+    QString value = QString::fromUtf8(text.data() + begin, static_cast<qsizetype>(end - begin));
+    if (static_cast<signed char>(text[begin]) < 0 || static_cast<signed char>(text[end - 1]) < 0) {
+      value = value.trimmed();
+      if (value.isEmpty())
+        return QStringLiteral("");
+    }
+    return value;
   }
 
   static void XMLCALL characters(void* user, const XML_Char* data, int length) {
