@@ -16,13 +16,12 @@ class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.error_occurred)
-        continue;
+      if (run.error_occurred) continue;
       const std::string name = run.run_name.str();
       if (run.run_type == Run::RT_Aggregate) {
         if (run.aggregate_name == "median")
-          median_[run.run_name.function_name + (run.run_name.args.empty() ? "" : "/" + run.run_name.args)] =
-              nanoseconds(run);
+          median_[run.run_name.function_name +
+                  (run.run_name.args.empty() ? "" : "/" + run.run_name.args)] = nanoseconds(run);
       } else {
         samples_[name].push_back(nanoseconds(run));
       }
@@ -33,11 +32,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
   // CPU nanoseconds per iteration of the named benchmark (the median over
   // repetitions), or a negative value if it did not run.
   double cpuTime(const std::string& name) const {
-    if (auto it = median_.find(name); it != median_.end())
-      return it->second;
+    if (auto it = median_.find(name); it != median_.end()) return it->second;
     auto it = samples_.find(name);
-    if (it == samples_.end() || it->second.empty())
-      return -1;
+    if (it == samples_.end() || it->second.empty()) return -1;
     std::vector<double> sorted = it->second;
     std::sort(sorted.begin(), sorted.end());
     return sorted[sorted.size() / 2];
@@ -48,8 +45,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void printRatio(const std::string& ours, const std::string& peer, double limit) const {
     const double mine = cpuTime(ours);
     const double theirs = cpuTime(peer);
-    if (mine <= 0 || theirs <= 0)
-      return;
+    if (mine <= 0 || theirs <= 0) return;
     const double ratio = mine / theirs;
     std::printf("  %-40s / %-40s CPU time ratio %5.2fx", ours.c_str(), peer.c_str(), ratio);
     if (limit > 0)

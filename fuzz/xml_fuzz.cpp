@@ -10,8 +10,7 @@
 namespace {
 
 void check(bool condition) {
-  if (!condition)
-    std::abort();
+  if (!condition) std::abort();
 }
 
 void walk(const kestrel::XmlNode* root) {
@@ -24,10 +23,8 @@ void walk(const kestrel::XmlNode* root) {
       node = node->firstChild;
       continue;
     }
-    while (node != root && !node->nextSibling)
-      node = node->parent;
-    if (node == root)
-      break;
+    while (node != root && !node->nextSibling) node = node->parent;
+    if (node == root) break;
     check(node->nextSibling->prevSibling == node && node->nextSibling->parent == node->parent);
     node = node->nextSibling;
   }

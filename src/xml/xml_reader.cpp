@@ -106,8 +106,7 @@ struct XmlReader::ParseState {
 
   static void XMLCALL endElement(void* user, const XML_Char*) {
     auto* state = static_cast<ParseState*>(user);
-    if (state->open.empty())
-      return;
+    if (state->open.empty()) return;
     state->open.back().node->value = trimmedValue(state->text);
     state->open.pop_back();
     state->text.clear();
@@ -122,17 +121,13 @@ struct XmlReader::ParseState {
     const auto isAsciiSpace = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
     std::size_t begin = 0;
     std::size_t end = text.size();
-    while (begin < end && isAsciiSpace(text[begin]))
-      ++begin;
-    while (end > begin && isAsciiSpace(text[end - 1]))
-      --end;
-    if (begin == end)
-      return QStringLiteral("");
+    while (begin < end && isAsciiSpace(text[begin])) ++begin;
+    while (end > begin && isAsciiSpace(text[end - 1])) --end;
+    if (begin == end) return QStringLiteral("");
     QString value = QString::fromUtf8(text.data() + begin, static_cast<qsizetype>(end - begin));
     if (static_cast<signed char>(text[begin]) < 0 || static_cast<signed char>(text[end - 1]) < 0) {
       value = value.trimmed();
-      if (value.isEmpty())
-        return QStringLiteral("");
+      if (value.isEmpty()) return QStringLiteral("");
     }
     return value;
   }
