@@ -169,7 +169,7 @@ struct XmlReader::ParseState {
 
 XmlReader::XmlReader(const QString& fileName) {
   QFile file(fileName);
-  if (!file.open(QIODevice::ReadOnly)) {
+  if (fileName.isEmpty() || !file.open(QIODevice::ReadOnly)) {
     errorMessage = QCoreApplication::translate(kTranslationContext, "Could not open file \"%1\"",
                                                "XML file could not be read")
                        .arg(fileName);
