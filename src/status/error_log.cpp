@@ -2,6 +2,7 @@
 #include <kestrel/status.h>
 #include <kestrel/system.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -24,8 +25,9 @@ bool ErrorLog(FILE* file, const QString& message) {
   // The text of the wide pattern "%d(%.3lf, %.1lf): %S", produced narrow: a
   // %S argument ends at its first NUL character.
   char prefix[96];
-  const int prefixLength =
+  const int written =
       std::snprintf(prefix, sizeof prefix, "%d(%.3f, %.1f): ", System::sCurFrame, now, deltaMs);
+  const int prefixLength = std::clamp(written, 0, static_cast<int>(sizeof prefix) - 1);
   const qsizetype nul = message.indexOf(QChar(u'\0'));
   const QByteArray text = (nul < 0 ? message : message.left(nul)).toUtf8();
 

@@ -36,6 +36,7 @@ TEST(KestrelInfoStatus, DecodesWordsGivenInHexOrDecimal) {
       {"0X40000081", "printable  Info|APP|Error code Action already queued (0x  129)"},
       {"0x0000000000C0000005", "message    No more memory"},
       {"0", "subsystem  0  APP"},
+      {"010", "status 0xa (10)"},  // leading zeros are decimal, not octal
       {"0x80050003", "subsystem  5  Invalid"},
       {"0x80050003", "message    (none)"},
       {"0x80050003", "printable  Could not decode error 0x80050003"},

@@ -6,6 +6,7 @@
 #include <QStringList>
 
 #include <atomic>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -189,13 +190,15 @@ TEST(StatusSubsys, EmptyNameBecomesUnknownWithTheNumber) {
 
 TEST(StatusSubsys, RegisteredWhileAliveOnly) {
   const unsigned int status = StatusMake(StatusWarning, 40, 7);
-  {
-    PlainSubsys subsys(40, QStringLiteral("DISK"));
-    EXPECT_EQ(StatusGetSubsysName(status), QStringLiteral("DISK"));
-    EXPECT_EQ(StatusGetErrorString(status), QStringLiteral("DISK #7"));
-    EXPECT_EQ(StatusGetPrintable(status),
-              QStringLiteral("Warning|DISK|Error code DISK #7 (0x    7)"));
-  }
+  // Built in storage that outlives it, so that a registry still pointing at
+  // the destroyed object would find its old number there.
+  alignas(PlainSubsys) unsigned char storage[sizeof(PlainSubsys)];
+  PlainSubsys* subsys = new (storage) PlainSubsys(40, QStringLiteral("DISK"));
+  EXPECT_EQ(StatusGetSubsysName(status), QStringLiteral("DISK"));
+  EXPECT_EQ(StatusGetErrorString(status), QStringLiteral("DISK #7"));
+  EXPECT_EQ(StatusGetPrintable(status),
+            QStringLiteral("Warning|DISK|Error code DISK #7 (0x    7)"));
+  subsys->~PlainSubsys();
   EXPECT_EQ(StatusGetSubsysName(status), QStringLiteral("Invalid"));
   EXPECT_TRUE(StatusGetErrorString(status).isNull());
   EXPECT_EQ(StatusGetPrintable(status), QStringLiteral("Could not decode error 0x80280007"));
