@@ -51,7 +51,9 @@ KESTREL_EXPORT unsigned int HashCalcNextPrime(unsigned int n);
 // holding one element pointer. Does not own the elements.
 class KESTREL_EXPORT HashTableBase {
  public:
-  // One link of a chain. Allocated by allocNode() and released with delete.
+  // One link of a chain. allocNode() creates it with a plain new-expression
+  // and the table releases it with a plain delete-expression, so an
+  // operator new/delete pair that Node gets from a base class serves both.
   struct Node {
     Node* next = nullptr;
     void* elem = nullptr;
