@@ -1,0 +1,69 @@
+// `kestrel-info status`: the words it accepts and what it prints for them.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+struct ToolRun {
+  int exitCode;
+  std::string output;  // standard output and standard error together
+};
+
+ToolRun runStatus(const std::string& args) {
+  const std::string command = "'" KESTREL_INFO_BIN "' status " + args + " 2>&1";
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return {-1, {}};
+  ToolRun run{-1, {}};
+  char buffer[512];
+  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, n);
+  const int status = pclose(pipe);
+  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+TEST(KestrelInfoStatus, DecodesWordsGivenInHexOrDecimal) {
+  const struct {
+    const char* args;
+    const char* expected;  // a part of the output
+  } rows[] = {
+      {"0xC0000008", "printable  Error|APP|Error code I/O failed (0x    8)"},
+      {"0xc0000008", "severity   3  Error"},
+      {"3221225480", "message    I/O failed"},
+      {"0X40000081", "printable  Info|APP|Error code Action already queued (0x  129)"},
+      {"0x0000000000C0000005", "message    No more memory"},
+      {"0", "subsystem  0  APP"},
+      {"010", "status 0xa (10)"},  // leading zeros are decimal, not octal
+      {"0x80050003", "subsystem  5  Invalid"},
+      {"0x80050003", "message    (none)"},
+      {"0x80050003", "printable  Could not decode error 0x80050003"},
+      {"4294967295", "code       65535  (0xffff)"},
+      {"0xC0000008 0x40000080", "Action in progress"},
+  };
+  for (const auto& row : rows) {
+    const ToolRun run = runStatus(row.args);
+    EXPECT_EQ(run.exitCode, 0) << row.args << "\n" << run.output;
+    EXPECT_NE(run.output.find(row.expected), std::string::npos) << row.args << "\n" << run.output;
+  }
+}
+
+TEST(KestrelInfoStatus, RefusesWhatIsNotAStatusWord) {
+  for (const char* args : {"", "xyz", "0x", "0x1G", "-1", "+5", "4294967296", "0x100000000",
+                           "12abc", "0xC0000008 oops", "' 5'"}) {
+    const ToolRun run = runStatus(args);
+    EXPECT_EQ(run.exitCode, 2) << args << "\n" << run.output;
+    EXPECT_NE(run.output.find("kestrel-info status: "), std::string::npos) << args;
+    EXPECT_EQ(run.output.find("printable"), std::string::npos) << args << ": nothing decoded";
+  }
+}
+
+TEST(KestrelInfoStatus, HelpExplainsTheCommand) {
+  const ToolRun run = runStatus("--help");
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_NE(run.output.find("status WORD..."), std::string::npos) << run.output;
+}
+
+}  // namespace
