@@ -1,5 +1,5 @@
 // kestrel::System::getTime against a bare clock_gettime(CLOCK_MONOTONIC)
-// that converts to seconds the same way. After the runs a summary prints the
+// (no conversion to seconds). After the runs a summary prints the
 // ratio of the CPU times next to the target:
 //   System::getTime  within 1.5x of clock_gettime(CLOCK_MONOTONIC)
 //

@@ -97,7 +97,7 @@ TEST(Tables, ValueOfAKeyIsTheFirstNumberAfterIt) {
   const QByteArray meminfo =
       "MemTotal:       16384000 kB\nMemFree:  100 kB\nMemAvailable:    8192000 kB\n"
       "Mlocked:              0 kB\n";
-  const QByteArray vmstat = "pswpin 12\npswpout 345\npswpout_zero 9\n";
+  const QByteArray vmstat = "pswpin 12\npswpout0 9\npswpout 345\n";  // a longer key first
   EXPECT_EQ(env_detail::tableValue(meminfo, "MemTotal"), 16384000);
   EXPECT_EQ(env_detail::tableValue(meminfo, "MemAvailable"), 8192000);
   EXPECT_EQ(env_detail::tableValue(meminfo, "Mlocked"), 0);
