@@ -144,8 +144,10 @@ class KESTREL_EXPORT System {
   // Operating system
   // ------------------------------------------------------------------
 
-  // Operating-system families; getOSName() gives each its name text.
-  enum OSVersion {
+  // Operating-system families; getOSName() gives each its name text. The
+  // underlying type is int, so any int (a stored value, say) is a valid
+  // OSVersion.
+  enum OSVersion : int {
     OS_UNKNOWN = 0,
     OS_WIN32S = 1,
     OS_WIN95 = 2,
