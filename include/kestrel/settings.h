@@ -20,6 +20,9 @@
 //   IntHistogram + IntHistogramSetting a distribution of int samples;
 //   MapAndLog                          a bounded int -> int map whose entries are
 //                                      IntPairSettings in a group;
+//   TimeSetting                        a start and a stop on the application clock;
+//                                      the start-up steps are in PerfInfo::perfOptions
+//                                      (group "Performance"), reported by PerfInfo::output;
 //   SettingObserver / SettingGroupObserver  to be told about changes.
 //
 // Settings and groups are usually objects with static storage, built during
@@ -473,15 +476,24 @@ class KESTREL_EXPORT IntPairSetting : public TypedSetting<std::pair<int, int>> {
   SettingType getType() const override;  // TypeIntPair
 };
 
-// A start and a stop time in milliseconds, as an int pair with the text and
-// log forms of IntPairSetting. The clock operations (start, stop, now) come
-// with the application clock.
+// A start and a stop time in whole milliseconds of the application clock
+// (System::getTime() times 1000, truncated), as an int pair with the text
+// and log forms of IntPairSetting. Each clock operation goes through the
+// typed set(): the modifier is stamped, and a changed pair is recorded in
+// the open restore frame and notified.
 class KESTREL_EXPORT TimeSetting : public IntPairSetting {
  public:
   TimeSetting(SettingGroup& group, const QString& name, std::pair<int, int> initial, bool firstFlag,
               bool secondFlag);
   ~TimeSetting() override;
   SettingType getType() const override;  // TypeTime
+
+  // (now, 0).
+  void start();
+  // (current start, now); (0, now) after no start.
+  void stop();
+  // (now, now): a moment.
+  void now();
 };
 
 // Counts int samples into equal-width bins between a minimum and a maximum
@@ -622,6 +634,65 @@ class KESTREL_EXPORT MapAndLog {
   int mMaxEntries;
   SettingGroup* mGroup;
   bool mLogEnabled;
+};
+
+// ---------------------------------------------------------------------------
+// Performance options: start-up timings
+// ---------------------------------------------------------------------------
+
+// The group "Performance": the start-up steps of the application as time
+// settings, each (0, 0) at first, logged, in this order. "timeAt..." names a
+// moment (set with now()), "timeFor..." a duration (start() then stop()).
+// The one instance is PerfInfo::perfOptions. Main thread only.
+class KESTREL_EXPORT PerfOptions : public SettingGroup {
+ public:
+  PerfOptions();
+  ~PerfOptions() override;
+
+  TimeSetting timeAtAppStart;
+  TimeSetting timeAtSpawnGfxCardInfo;
+  TimeSetting timeAtSpawnAsyncAuth;
+  TimeSetting timeAtSpawnAsyncDoLogin;
+  TimeSetting timeAtExec;
+  TimeSetting timeAtFirstLevel;
+  TimeSetting timeAtLoggedIn;
+  TimeSetting timeForGfxCardInfoInit;
+  TimeSetting timeForGfxCardInfoCall;
+  TimeSetting timeForSetupGfx;
+  TimeSetting timeForInitAlchemy;
+  TimeSetting timeForSetRenderApi;
+  TimeSetting timeForSetupApp;
+  TimeSetting timeForSetupQtLocale;
+  TimeSetting timeForSetupSplash;
+  TimeSetting timeForVerifyUserPaths;
+  TimeSetting timeForSetupMainWin;
+  TimeSetting timeForGuiContextInit;
+  TimeSetting timeForOpenWorkspace;
+  TimeSetting timeForReadScreen;
+  TimeSetting timeForRenderContextInit;
+  TimeSetting timeForAuth;
+  TimeSetting timeForCookie;
+  TimeSetting timeForLogin;
+  TimeSetting timeForFetchDbRoot;
+  TimeSetting timeForParseDbRoot;
+  TimeSetting timeForFinishLogin;
+  TimeSetting timeForMainDbStartup;
+  TimeSetting timeForStyleManager;
+  TimeSetting timeForOnLoggedInLayer;
+};
+
+// The start-up report.
+class KESTREL_EXPORT PerfInfo {
+ public:
+  // The process's "Performance" group, built during static initialisation.
+  static PerfOptions perfOptions;
+
+  // Writes, truncating the file at `path` (taken as Latin-1), one line per
+  // time setting of the newest group named "Performance", in group order:
+  // "<name> <start> <stop>\n", for example "timeForSetupApp 1043 1187".
+  // Settings of other kinds are left out. A file that cannot be opened gets
+  // nothing and nothing is reported.
+  static void output(const QString& path);
 };
 
 }  // namespace kestrel

@@ -5,6 +5,8 @@
 
 #include <QDateTime>
 
+#include <algorithm>
+
 namespace kestrel::info {
 namespace {
 
@@ -36,9 +38,22 @@ const char* kindName(SettingType type) {
   return "unknown";
 }
 
+// Width of the name column: the longest setting name of any group, plus two
+// blanks.
+int nameColumnWidth() {
+  qsizetype longest = 0;
+  for (int g = 0; g < SettingGroup::getGroupCount(); ++g) {
+    const SettingGroup* group = SettingGroup::getGroup(g);
+    for (int s = 0; s < group->getSettingCount(); ++s)
+      longest = std::max(longest, group->getSetting(s)->getName().size());
+  }
+  return static_cast<int>(longest) + 2;
+}
+
 void listSettings(QTextStream& out) {
   const int groupCount = SettingGroup::getGroupCount();
   if (groupCount == 0) out << "(no setting groups)\n";
+  const int nameWidth = nameColumnWidth();
   for (int g = 0; g < groupCount; ++g) {
     const SettingGroup* group = SettingGroup::getGroup(g);
     const int settingCount = group->getSettingCount();
@@ -47,9 +62,10 @@ void listSettings(QTextStream& out) {
     for (int s = 0; s < settingCount; ++s) {
       const Setting* setting = group->getSetting(s);
       const QString log = setting->toLogString();
-      out << "  " << qSetFieldWidth(22) << Qt::left << setting->getName() << qSetFieldWidth(10)
-          << kindName(setting->getType()) << qSetFieldWidth(0) << '"' << setting->toString()
-          << "\"  " << (log.isNull() ? QStringLiteral("(not logged)") : log) << '\n';
+      out << "  " << qSetFieldWidth(nameWidth) << Qt::left << setting->getName()
+          << qSetFieldWidth(10) << kindName(setting->getType()) << qSetFieldWidth(0) << '"'
+          << setting->toString() << "\"  " << (log.isNull() ? QStringLiteral("(not logged)") : log)
+          << '\n';
     }
   }
 }

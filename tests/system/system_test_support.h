@@ -1,0 +1,67 @@
+// Helpers of the system tests: a fake machine tree and scoped environment
+// variables.
+#pragma once
+
+#include "env/machine.h"
+
+#include <QByteArray>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+namespace kestrel::test {
+
+// A temporary folder that stands for "/" of the machine facts while alive.
+class FakeMachine {
+ public:
+  FakeMachine() { env_detail::setMachineRoot(mDir.path()); }
+  ~FakeMachine() { env_detail::setMachineRoot(QString()); }
+  FakeMachine(const FakeMachine&) = delete;
+  FakeMachine& operator=(const FakeMachine&) = delete;
+
+  // Writes text to <root><absolutePath>, creating the folders.
+  void write(const QString& absolutePath, const QByteArray& text) const {
+    const QString path = mDir.path() + absolutePath;
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(path).path()));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    ASSERT_EQ(file.write(text), text.size());
+  }
+  QString root() const { return mDir.path(); }
+
+ private:
+  QTemporaryDir mDir;
+};
+
+// Sets (or with nullopt unsets) an environment variable for its lifetime.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, std::optional<std::string> value) : mName(name) {
+    if (const char* old = std::getenv(name)) mOld = old;
+    if (value)
+      ::setenv(name, value->c_str(), 1);
+    else
+      ::unsetenv(name);
+  }
+  ~ScopedEnv() {
+    if (mOld)
+      ::setenv(mName, mOld->c_str(), 1);
+    else
+      ::unsetenv(mName);
+  }
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  const char* mName;
+  std::optional<std::string> mOld;
+};
+
+}  // namespace kestrel::test
