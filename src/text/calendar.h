@@ -25,7 +25,8 @@ constexpr long long floorDiv(long long a, long long b) {
   return (a % b != 0 && a < 0) ? q - 1 : q;
 }
 constexpr long long floorMod(long long a, long long b) {
-  return a - floorDiv(a, b) * b;
+  const long long r = a % b;
+  return r < 0 ? r + b : r;
 }
 
 constexpr long long kSecondsPerDay = 86400;

@@ -407,7 +407,17 @@ TEST(DateTimeSeconds, ExtremeCountsGiveNormalisedFields) {
     EXPECT_LE(t.day, 31);
     EXPECT_EQ(t.toSeconds(), s);
   }
-  DateTime wrapped;  // no trap at the ends: the count wraps
+  // Absurd years wrap instead of trapping: a day is still 86400 seconds apart.
+  for (long long y : {kInvalid, std::numeric_limits<long long>::min(), -(1LL << 62)}) {
+    const auto day1 = static_cast<unsigned long long>(make(y, 12, 1).toSeconds());
+    const auto day2 = static_cast<unsigned long long>(make(y, 12, 2).toSeconds());
+    EXPECT_EQ(day2 - day1, 86400u) << y;
+    DateTime shifted = make(y, 12, 1, 0, 0, 0, 5, 30);
+    shifted.add(1, 1, 1, 1, 1, 1);
+    shifted.adjustTimeZone(0, 0);
+    shifted.toDuration(make(y, 1, 1), 1LL << 40);
+  }
+  DateTime wrapped;
   wrapped.fromSeconds(std::numeric_limits<long long>::max(), 14, 0);
   EXPECT_GE(wrapped.month, 1);
   wrapped.fromSeconds(std::numeric_limits<long long>::min(), -14, 0);
