@@ -25,6 +25,7 @@
 #include <QStringView>
 #include <QTextStream>
 
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <ostream>
@@ -82,16 +83,30 @@ thread_local std::u16string tToken;
 struct IsoParser {
   const QString& input;
   DateTime& target;
+  std::u16string& tok = tToken;  // looked up once: each thread_local access costs a call
 
   [[noreturn]] void fail() const { throw DateTimeParseError(input); }
 
-  QStringView token() const { return QStringView(tToken.data(), qsizetype(tToken.size())); }
+  QStringView token() const { return QStringView(tok.data(), qsizetype(tok.size())); }
 
   void requireLength(std::size_t minimum, std::size_t maximum) const {
-    if (tToken.size() < minimum || tToken.size() > maximum) fail();
+    if (tok.size() < minimum || tok.size() > maximum) fail();
+  }
+
+  // The value of a token of 1 to 18 ASCII digits (the common case, read
+  // here without Qt's number conversion), or -1 for any other token.
+  long long plainDigits() const {
+    if (tok.empty() || tok.size() > 18) return -1;
+    long long v = 0;
+    for (const char16_t c : tok) {
+      if (c < u'0' || c > u'9') return -1;
+      v = v * 10 + (c - u'0');
+    }
+    return v;
   }
 
   long long readLongLong() const {
+    if (const long long v = plainDigits(); v >= 0) return v;
     bool ok = false;
     const long long v = token().toLongLong(&ok, 10);
     if (!ok) fail();
@@ -99,6 +114,7 @@ struct IsoParser {
   }
 
   int readInt() const {
+    if (const long long v = plainDigits(); v >= 0 && v <= INT_MAX) return static_cast<int>(v);
     bool ok = false;
     const int v = token().toInt(&ok, 10);
     if (!ok) fail();
@@ -108,6 +124,7 @@ struct IsoParser {
   // A decimal number truncated to whole seconds, kept modulo 256 like an
   // integer stored in the 8-bit field. Infinities and NaN do not read.
   unsigned char readSeconds() const {
+    if (const long long v = plainDigits(); v >= 0) return static_cast<unsigned char>(v);
     bool ok = false;
     const double v = token().toDouble(&ok);
     if (!ok || !std::isfinite(v)) fail();
@@ -124,14 +141,14 @@ struct IsoParser {
   }
 
   void run() {
-    tToken.clear();
+    tok.clear();
     int state = 0;
     for (const QChar qc : input) {
       if (qc.isSpace()) continue;
       const char16_t c = qc.unicode();
-      if (tToken.empty()) {
+      if (tok.empty()) {
         if (c == u':' || c == u'T' || c == u'Z') fail();
-        tToken.push_back(c);
+        tok.push_back(c);
         continue;
       }
       switch (c) {
@@ -145,7 +162,7 @@ struct IsoParser {
             requireLength(2, std::u16string::npos);
             target.second = readSeconds();
             state = 6;
-            tToken.assign(1, u'-');  // the zone hours read negative
+            tok.assign(1, u'-');  // the zone hours read negative
             continue;
           } else {
             fail();
@@ -176,11 +193,11 @@ struct IsoParser {
           readSecondsAsUtc();
           return;  // anything after 'Z' is ignored
         default:
-          tToken.push_back(c);
+          tok.push_back(c);
           continue;
       }
       ++state;
-      tToken.clear();
+      tok.clear();
     }
     finish(state);
   }
