@@ -160,13 +160,16 @@ class KESTREL_EXPORT DateTime {
   void parseHttpDate(const QString& text);
 };
 
-// Parses ISO 8601 text into `value` (see datetime.cpp for the accepted
-// forms): "2007", "2007-05", "2007-05-17", "2007-05-17T10:20:30Z",
-// "2007-05-17T10:20:30.5+02:00", "-0044-03-15T12:00:00-05:30". White space
-// anywhere is skipped; anything after 'Z' is ignored. Only the fields the
-// text reaches are written; a null string leaves the value unchanged.
-// Throws DateTimeParseError (fields written before the failure keep their
-// new values). Thread-safe for distinct values.
+// Parses ISO 8601 text into `value`: "2007", "2007-05", "2007-05-17",
+// "2007-05-17T10:20:30Z", "2007-05-17T10:20:30" (UTC), "...T10:20:30.5+02:00",
+// "-0044-03-15T12:00:00-05:30". The month before a '-' has at least two
+// characters, a month or day at the end and the day, hour, minute and zone
+// minutes exactly two; seconds are a decimal number of at least two
+// characters, truncated. White space anywhere is skipped; anything after 'Z'
+// is ignored; a text ending in the hour, the minute or the zone hours fails.
+// Only the fields the text reaches are written; a null string leaves the
+// value unchanged. Throws DateTimeParseError (fields written before the
+// failure keep their new values). Thread-safe for distinct values.
 KESTREL_EXPORT const QString& operator>>(const QString& text, DateTime& value);
 
 // Reads one whitespace-delimited word and parses it as above (throws
