@@ -1,4 +1,4 @@
-// The mspace consistency checker (debug and test builds only).
+// The mspace consistency checker (in the test-only library kestrel_mspace_testing).
 //
 // It first collects every chunk reachable from the bins, checking the lists,
 // the tries and the bitmaps, then walks every segment chunk by chunk and
@@ -275,10 +275,6 @@ std::string mspaceCheckConsistency(mspace msp) {
   if (msp->magic != mspace_detail::kMagic) return "bad magic";
   if (msp->top == nullptr) return "mspace never initialised";
   return mspace_detail::Checker(msp).run();
-}
-
-void mspaceSetUnmapFunction(mspace msp, mspace_munmap_func fn) {
-  msp->munmap = fn;
 }
 
 }  // namespace internal
