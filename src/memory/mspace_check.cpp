@@ -1,4 +1,5 @@
-// The mspace consistency checker (in the test-only library kestrel_mspace_testing).
+// The mspace consistency checker and the other test hooks of mspace_debug.h
+// (in the test-only library kestrel_mspace_testing).
 //
 // It first collects every chunk reachable from the bins, checking the lists,
 // the tries and the bitmaps, then walks every segment chunk by chunk and
@@ -268,6 +269,17 @@ MspaceParams mspaceParams() {
   mspace_detail::ensureParams();
   return {gParams.page_size.load(), gParams.granularity.load(), gParams.trim_threshold.load(),
           gParams.mmap_threshold.load()};
+}
+
+mspace mspaceCreateMapped(unsigned long capacity, mspace_mmap_func segment_mmap,
+                          mspace_mmap_func direct_mmap, mspace_munmap_func munmap, void* context) {
+  mspace msp = mspace_detail::createMappedState(capacity, segment_mmap, context);
+  if (msp == nullptr) return nullptr;
+  msp->context = context;
+  msp->segment_mmap = segment_mmap;
+  msp->direct_mmap = direct_mmap;
+  msp->munmap = munmap;
+  return msp;
 }
 
 std::string mspaceCheckConsistency(mspace msp) {

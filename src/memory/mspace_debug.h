@@ -35,6 +35,12 @@ MspaceParams mspaceParams();
 // the first one found broken.
 std::string mspaceCheckConsistency(mspace msp);
 
+// As create_mspace, with every system-memory call (the first region's mapping
+// included) going to the given functions and context, as create_mspace's
+// defaults would if the system placed the mappings that way.
+mspace mspaceCreateMapped(unsigned long capacity, mspace_mmap_func segment_mmap,
+                          mspace_mmap_func direct_mmap, mspace_munmap_func munmap, void* context);
+
 // Replaces the unmapping function of msp (the public API keeps the default).
 inline void mspaceSetUnmapFunction(mspace msp, mspace_munmap_func fn) {
   msp->munmap = fn;

@@ -91,6 +91,17 @@ class RecordingSystem {
     return space;
   }
 
+  // As create_mspace(capacity, 0), with the first region from this provider too.
+  mspace createMapped(std::size_t capacity) {
+    return kestrel::internal::mspaceCreateMapped(capacity, &segmentMap, &directMap, &unmap, this);
+  }
+
+  // The next mapping does not adjoin the previous one.
+  void leaveGap(std::size_t bytes) {
+    nextUp_ += bytes;
+    nextDown_ -= bytes;
+  }
+
   static void* segmentMap(unsigned long size, void* context) {
     return provider(context)->map(size, false);
   }
