@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -179,6 +180,22 @@ class RecordingSystem {
   char* nextUp_;
   char* nextDown_;
 };
+
+// Readable names of the placements, in test names and in failure messages.
+inline const char* placementName(RecordingSystem::Placement placement) {
+  switch (placement) {
+    case RecordingSystem::Placement::Gapped:
+      return "Gapped";
+    case RecordingSystem::Placement::Ascending:
+      return "Ascending";
+    case RecordingSystem::Placement::Descending:
+      return "Descending";
+  }
+  return "UnknownPlacement";
+}
+inline void PrintTo(RecordingSystem::Placement placement, std::ostream* out) {
+  *out << placementName(placement);
+}
 
 // Position-dependent bytes: the contents of a block are reference()[seed % 256 ..][0 .. size).
 struct Pattern {

@@ -186,7 +186,17 @@ TEST_P(MspaceGrowth, FreeingEverythingAndTrimmingReturnsTheFootprintToItsStart) 
 
 INSTANTIATE_TEST_SUITE_P(Placements, MspaceGrowth,
                          ::testing::Values(Placement::Gapped, Placement::Ascending,
-                                           Placement::Descending));
+                                           Placement::Descending),
+                         [](const ::testing::TestParamInfo<Placement>& param) {
+                           return std::string(placementName(param.param));
+                         });
+
+TEST(MspaceTestNames, PlacementsPrintByName) {
+  // Failure messages name the parameter instead of dumping its bytes.
+  EXPECT_EQ(::testing::PrintToString(Placement::Gapped), "Gapped");
+  EXPECT_EQ(::testing::PrintToString(Placement::Ascending), "Ascending");
+  EXPECT_EQ(::testing::PrintToString(Placement::Descending), "Descending");
+}
 
 TEST_F(MspaceSystem, TrimThresholdDecidesAutomaticTrimmingAndTheCallerRegionIsKept) {
   for (int threshold : {256 * 1024, -1}) {  // -1: never automatically, as the pools set it
