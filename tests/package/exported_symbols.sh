@@ -21,6 +21,7 @@ hooks='kestrel::(internal|mspace_detail)::'
 
 status=0
 while read -r kind mangled; do
+  mangled=${mangled#__odr_asan.}  # AddressSanitizer's marker of an exported global
   demangled=$(c++filt -- "$mangled")
   if [[ $demangled =~ $hooks ]]; then
     echo "test hook or internal exported: $demangled"
