@@ -17,7 +17,8 @@ configure() {
 }
 configure -DKESTREL_BUILD_TESTS=OFF -DKESTREL_BUILD_BENCH=OFF
 configure -DKESTREL_BUILD_TESTS=ON
-"$cmake" --build "$scratch" --target help | grep -qw memory_test || {
+targets=$("$cmake" --build "$scratch" --target help)
+grep -qw memory_test <<<"$targets" || {
   echo "the reconfigured tree has no memory_test target"
   exit 1
 }
