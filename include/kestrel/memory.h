@@ -89,9 +89,9 @@ typedef void* (*mspace_sbrk_func)(int increment, void* context);
 // already a multiple, so capacity 0 maps two granules). Returns null if the
 // mapping fails or capacity >= (all bits set) - kMspaceBaseOverhead - page
 // size. The region is a segment of the mspace and is unmapped by
-// destroy_mspace; it holds the mspace's own record, keeps its size (no later
-// mapping is merged with it) and is never released by mspace_trim, which can
-// only cut its free tail while it is the newest segment. `locked` is ignored.
+// destroy_mspace; it holds the mspace's own record and never grows (no later
+// mapping is merged with it); mspace_trim never unmaps it whole, but may cut
+// its free tail while it is the newest segment. `locked` is ignored.
 KESTREL_EXPORT mspace create_mspace(unsigned long capacity, int locked);
 
 // Creates an mspace inside the caller's region [base, base + capacity). The
@@ -165,15 +165,15 @@ KESTREL_EXPORT void** mspace_independent_comalloc(mspace msp, unsigned long n_el
 
 // Gives memory back through the unmapping function, in two steps:
 //   * the top chunk (the free space at the end of the newest segment) is cut
-//     from the end of that segment in whole granules, so that it keeps more
-//     than `pad` bytes and at most `pad` + one granule (besides a fixed foot
-//     of a few words); only if the mspace mapped that segment itself (a
-//     caller's region is never cut) and only if the top exceeds pad plus the
-//     foot;
+//     from the end of that segment by the largest whole number of granules
+//     that leaves it more than `pad` bytes (besides its fixed foot of a few
+//     words), so that afterwards it holds at most `pad` + one granule; only
+//     from a segment that the mspace mapped itself (a caller's region is
+//     never cut);
 //   * every other segment that the mspace mapped and that holds no block in
 //     use is unmapped whole. The first region of create_mspace holds the
-//     mspace's own record and is never unmapped; later mappings are never
-//     merged with it, so it keeps its size.
+//     mspace's own record and is never unmapped whole; later mappings are
+//     never merged with it, so it never grows.
 // So after every block is freed, mspace_trim(msp, 0) leaves at most the
 // first region (create_mspace's, or the caller's) plus one granule, whatever
 // addresses the system chose for the mappings. A pad within a few words of
