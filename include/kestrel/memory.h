@@ -89,7 +89,9 @@ typedef void* (*mspace_sbrk_func)(int increment, void* context);
 // already a multiple, so capacity 0 maps two granules). Returns null if the
 // mapping fails or capacity >= (all bits set) - kMspaceBaseOverhead - page
 // size. The region is a segment of the mspace and is unmapped by
-// destroy_mspace. `locked` is ignored.
+// destroy_mspace; it holds the mspace's own record and never grows (no later
+// mapping is merged with it); mspace_trim never unmaps it whole, but may cut
+// its free tail while it is the newest segment. `locked` is ignored.
 KESTREL_EXPORT mspace create_mspace(unsigned long capacity, int locked);
 
 // Creates an mspace inside the caller's region [base, base + capacity). The
@@ -161,10 +163,23 @@ KESTREL_EXPORT void** mspace_independent_calloc(mspace msp, unsigned long n_elem
 KESTREL_EXPORT void** mspace_independent_comalloc(mspace msp, unsigned long n_elements,
                                                   const unsigned long sizes[], void* chunks[]);
 
-// Gives memory back through the unmapping function: the part of the top
-// chunk above `pad` bytes (in whole granules, only from a segment the mspace
-// mapped itself) and every mapped segment that has become entirely free.
-// Returns 1 if anything was released, else 0.
+// Gives memory back through the unmapping function, in two steps:
+//   * the top chunk (the free space at the end of the newest segment) is cut
+//     from the end of that segment by the largest whole number of granules
+//     that leaves it more than `pad` bytes (besides its fixed foot of a few
+//     words), so that afterwards it holds at most `pad` + one granule; only
+//     from a segment that the mspace mapped itself (a caller's region is
+//     never cut);
+//   * every other segment that the mspace mapped and that holds no block in
+//     use is unmapped whole. The first region of create_mspace holds the
+//     mspace's own record and is never unmapped whole; later mappings are
+//     never merged with it, so it never grows.
+// So after every block is freed, mspace_trim(msp, 0) leaves at most the
+// first region (create_mspace's, or the caller's) plus one granule, whatever
+// addresses the system chose for the mappings. A pad within a few words of
+// the largest unsigned value releases nothing. Returns 1 if anything was
+// released, else 0. Frees that leave the top above the trim threshold run the
+// same with pad 0.
 KESTREL_EXPORT int mspace_trim(mspace msp, unsigned long pad);
 
 // Always abort the process: the usage-error action of this release runs

@@ -1,4 +1,5 @@
-// The mspace consistency checker (debug and test builds only).
+// The mspace consistency checker and the other test hooks of mspace_debug.h
+// (in the test-only library kestrel_mspace_testing).
 //
 // It first collects every chunk reachable from the bins, checking the lists,
 // the tries and the bitmaps, then walks every segment chunk by chunk and
@@ -270,15 +271,22 @@ MspaceParams mspaceParams() {
           gParams.mmap_threshold.load()};
 }
 
+mspace mspaceCreateMapped(unsigned long capacity, mspace_mmap_func segment_mmap,
+                          mspace_mmap_func direct_mmap, mspace_munmap_func munmap, void* context) {
+  mspace msp = mspace_detail::createMappedState(capacity, segment_mmap, context);
+  if (msp == nullptr) return nullptr;
+  msp->context = context;
+  msp->segment_mmap = segment_mmap;
+  msp->direct_mmap = direct_mmap;
+  msp->munmap = munmap;
+  return msp;
+}
+
 std::string mspaceCheckConsistency(mspace msp) {
   if (msp == nullptr) return "null mspace";
   if (msp->magic != mspace_detail::kMagic) return "bad magic";
   if (msp->top == nullptr) return "mspace never initialised";
   return mspace_detail::Checker(msp).run();
-}
-
-void mspaceSetUnmapFunction(mspace msp, mspace_munmap_func fn) {
-  msp->munmap = fn;
 }
 
 }  // namespace internal

@@ -1,13 +1,14 @@
-// Internal interface of the mspace allocator for its tests and for debug
-// builds: the consistency checker, a snapshot of the process-wide parameters
-// and a hook to replace the unmapping function. Not part of the public API;
-// compiled only when KESTREL_MSPACE_CHECKS is on (debug and test builds).
+// Internal interface of the mspace allocator for its tests and benchmark: the
+// consistency checker, a snapshot of the process-wide parameters and a hook to
+// replace the unmapping function. Not part of the public API: the checker and
+// the parameters are in the test-only library kestrel_mspace_testing (never in
+// libbase.so); the unmap hook is inline, so that a program linked against
+// libbase.so can use it on the mspaces it creates.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
-#include "kestrel/export.h"
 #include "kestrel/memory.h"
 #include "memory/mspace_layout.h"
 
@@ -27,14 +28,22 @@ struct MspaceParams {
 };
 
 // The current process-wide parameters (initialising them if needed).
-KESTREL_EXPORT MspaceParams mspaceParams();
+MspaceParams mspaceParams();
 
 // Walks every segment and every bin of msp and verifies the allocator's
 // invariants. Returns an empty string when all hold, else a description of
 // the first one found broken.
-KESTREL_EXPORT std::string mspaceCheckConsistency(mspace msp);
+std::string mspaceCheckConsistency(mspace msp);
+
+// As create_mspace, with every system-memory call (the first region's mapping
+// included) going to the given functions and context, as create_mspace's
+// defaults would if the system placed the mappings that way.
+mspace mspaceCreateMapped(unsigned long capacity, mspace_mmap_func segment_mmap,
+                          mspace_mmap_func direct_mmap, mspace_munmap_func munmap, void* context);
 
 // Replaces the unmapping function of msp (the public API keeps the default).
-KESTREL_EXPORT void mspaceSetUnmapFunction(mspace msp, mspace_munmap_func fn);
+inline void mspaceSetUnmapFunction(mspace msp, mspace_munmap_func fn) {
+  msp->munmap = fn;
+}
 
 }  // namespace kestrel::internal

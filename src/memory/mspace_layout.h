@@ -470,6 +470,9 @@ bool sysTrim(State* ms, size_t pad);
 void initTop(State* ms, Chunk* top, size_t topSize);
 // Lays out a fresh mspace in [base, base + size): state chunk, then the top.
 State* initUserState(char* base, size_t size);
+// create_mspace with the first region mapped by map(size, context); the
+// mspace keeps the default system-memory functions.
+State* createMappedState(size_t capacity, mspace_mmap_func map, void* context);
 bool directMapWasDefault(const State* ms);
 
 }  // namespace mspace_detail

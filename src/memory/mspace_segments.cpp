@@ -6,7 +6,8 @@
 // of its own (at or above the mapping threshold) or a new segment. A new
 // segment that directly follows the top's segment extends it, one that
 // directly precedes a mapped segment is merged in front of it, any other
-// becomes the new head segment and receives the top chunk. The old top is
+// becomes the new head segment and receives the top chunk. The segment that
+// holds the state record is never merged with (see mayMerge). The old top is
 // then split into a free chunk, the old head's segment record and
 // fenceposts, so that every segment but the head carries its own record at
 // its tail.
@@ -223,6 +224,16 @@ size_t releaseUnmappedSegments(State* ms) {
   return released;
 }
 
+// Whether a new mapping may join `segment`: only one that the mspace mapped
+// itself, and never the one that starts with the state record. That segment
+// keeps the size it was created with: memory joined to it would, once free,
+// either end at the record (merged in front) or end at the segment's own
+// record after the top has moved on (extended behind), and trimming can give
+// back neither, since a segment goes back only when all of it is free.
+bool mayMerge(const State* ms, const Segment* segment) {
+  return isMappedSegment(segment) && !isExternSegment(segment) && !segmentHolds(segment, ms);
+}
+
 }  // namespace
 
 void* sysAlloc(State* ms, size_t chunkBytes) {
@@ -243,19 +254,18 @@ void* sysAlloc(State* ms, size_t chunkBytes) {
   }
   noteFootprint(ms, mappingSize);
 
-  // Directly behind the top's segment: extend it.
+  // Directly behind the top's segment: extend it (see mayMerge).
   Segment* segment = &ms->seg;
-  if (segment->base + segment->size == mapping && isMappedSegment(segment) &&
-      !isExternSegment(segment)) {
+  if (segment->base + segment->size == mapping && mayMerge(ms, segment)) {
     segment->size += mappingSize;
     initTop(ms, ms->top, ms->topsize + mappingSize);
   } else {
     if (mapping < ms->least_addr) ms->least_addr = mapping;
-    // Directly in front of a mapped segment: merge and serve from the front.
+    // Directly in front of a segment: merge and serve from the front.
     for (segment = &ms->seg; segment != nullptr && segment->base != mapping + mappingSize;
          segment = segment->next) {
     }
-    if (segment != nullptr && isMappedSegment(segment) && !isExternSegment(segment)) {
+    if (segment != nullptr && mayMerge(ms, segment)) {
       char* oldBase = segment->base;
       segment->base = mapping;
       segment->size += mappingSize;
@@ -267,6 +277,20 @@ void* sysAlloc(State* ms, size_t chunkBytes) {
   if (chunkBytes < ms->topsize) return splitTop(ms, chunkBytes);
   setNoMemory();
   return nullptr;
+}
+
+State* createMappedState(size_t capacity, mspace_mmap_func map, void* context) {
+  ensureParams();
+  const size_t page = gParams.page_size.load(std::memory_order_relaxed);
+  if (capacity >= ~size_t{0} - kMspaceBaseOverhead - page) return nullptr;
+  const size_t wanted = capacity == 0 ? granularity() : capacity + kMspaceBaseOverhead;
+  const size_t mappingSize = granularityAlign(wanted);
+  if (mappingSize <= wanted) return nullptr;
+  char* mapping = static_cast<char*>(map(mappingSize, context));
+  if (mapFailed(mapping)) return nullptr;
+  State* ms = initUserState(mapping, mappingSize);
+  ms->seg.flags = kMappedSegment;
+  return ms;
 }
 
 bool sysTrim(State* ms, size_t pad) {
@@ -302,17 +326,7 @@ using namespace mspace_detail;
 extern "C" {
 
 mspace create_mspace(unsigned long capacity, int /*locked*/) {
-  ensureParams();
-  const size_t page = gParams.page_size.load(std::memory_order_relaxed);
-  if (capacity >= ~size_t{0} - kMspaceBaseOverhead - page) return nullptr;
-  const size_t wanted = capacity == 0 ? granularity() : capacity + kMspaceBaseOverhead;
-  const size_t mappingSize = granularityAlign(wanted);
-  if (mappingSize <= wanted) return nullptr;
-  char* mapping = static_cast<char*>(default_mmap_func(mappingSize, nullptr));
-  if (mapFailed(mapping)) return nullptr;
-  State* ms = initUserState(mapping, mappingSize);
-  ms->seg.flags = kMappedSegment;
-  return ms;
+  return createMappedState(capacity, &default_mmap_func, nullptr);
 }
 
 mspace create_mspace_with_base(void* base, unsigned long capacity, int /*locked*/) {

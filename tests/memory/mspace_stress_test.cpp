@@ -33,6 +33,10 @@ struct Config {
   int mmapThreshold;  // 0: default (off)
 };
 
+void PrintTo(const Config& config, std::ostream* out) {
+  *out << config.name;
+}
+
 class MspaceStress : public MspaceTest, public ::testing::WithParamInterface<Config> {
  protected:
   struct Block {
@@ -199,5 +203,11 @@ INSTANTIATE_TEST_SUITE_P(
                       Config{"ascending_pool_like", true, Placement::Ascending, 0x400000, -1, 0},
                       Config{"page_granules_eager_trim", true, Placement::Gapped, 1, 64 * 1024, 0}),
     [](const ::testing::TestParamInfo<Config>& param) { return std::string(param.param.name); });
+
+TEST(MspaceTestNames, ConfigurationsPrintByName) {
+  EXPECT_EQ(::testing::PrintToString(
+                Config{"descending_merges", true, Placement::Descending, 0, 1 << 20, 0}),
+            "descending_merges");
+}
 
 }  // namespace

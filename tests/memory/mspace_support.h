@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -91,6 +92,17 @@ class RecordingSystem {
     return space;
   }
 
+  // As create_mspace(capacity, 0), with the first region from this provider too.
+  mspace createMapped(std::size_t capacity) {
+    return kestrel::internal::mspaceCreateMapped(capacity, &segmentMap, &directMap, &unmap, this);
+  }
+
+  // The next mapping does not adjoin the previous one.
+  void leaveGap(std::size_t bytes) {
+    nextUp_ += bytes;
+    nextDown_ -= bytes;
+  }
+
   static void* segmentMap(unsigned long size, void* context) {
     return provider(context)->map(size, false);
   }
@@ -168,6 +180,22 @@ class RecordingSystem {
   char* nextUp_;
   char* nextDown_;
 };
+
+// Readable names of the placements, in test names and in failure messages.
+inline const char* placementName(RecordingSystem::Placement placement) {
+  switch (placement) {
+    case RecordingSystem::Placement::Gapped:
+      return "Gapped";
+    case RecordingSystem::Placement::Ascending:
+      return "Ascending";
+    case RecordingSystem::Placement::Descending:
+      return "Descending";
+  }
+  return "UnknownPlacement";
+}
+inline void PrintTo(RecordingSystem::Placement placement, std::ostream* out) {
+  *out << placementName(placement);
+}
 
 // Position-dependent bytes: the contents of a block are reference()[seed % 256 ..][0 .. size).
 struct Pattern {

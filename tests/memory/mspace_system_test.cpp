@@ -147,9 +147,56 @@ TEST_P(MspaceGrowth, TrimGivesBackFreeSegmentsAndTopThroughTheUnmapFunction) {
   destroy_mspace(space);
 }
 
+TEST_P(MspaceGrowth, FreeingEverythingAndTrimmingReturnsTheFootprintToItsStart) {
+  // An mspace of create_mspace, whose first region holds the state record.
+  // Whatever the placement of later mappings, freeing all and trimming leaves
+  // no more than the start and one granule. Mappings merged in front of the
+  // first region (descending), or extending it before a later mapping takes
+  // the top elsewhere (ascending, then a gap), would leave free space that
+  // ends at a record which is never free, so trimming could not give it back.
+  RecordingSystem system(GetParam());
+  mspace space = system.createMapped(0);
+  ASSERT_NE(space, nullptr);
+  ASSERT_EQ(system.segmentMaps.size(), 1u);
+  const std::size_t start = mspace_mallinfo(space).arena;
+  std::vector<void*> blocks;
+  for (int index = 0; index < 200; ++index) {
+    if (index == 100) system.leaveGap(16 * granularity());
+    blocks.push_back(mspace_malloc(space, 100000 + static_cast<std::size_t>(index) * 16));
+    blocks.push_back(mspace_malloc(space, 40));
+    ASSERT_TRUE(blocks.end()[-1] != nullptr && blocks.end()[-2] != nullptr);
+  }
+  ASSERT_GT(mspace_mallinfo(space).arena, std::size_t{16} << 20);
+  ASSERT_MSPACE_CONSISTENT(space);
+  for (void* block : blocks) mspace_free(space, block);
+  mspace_trim(space, 0);
+  ASSERT_MSPACE_CONSISTENT(space);
+  EXPECT_LE(mspace_mallinfo(space).arena, start + granularity());
+  EXPECT_EQ(mspace_mallinfo(space).arena + RecordingSystem::totalBytes(system.unmaps),
+            RecordingSystem::totalBytes(system.segmentMaps));
+  void* again = mspace_malloc(space, 300000);  // and it keeps working
+  ASSERT_NE(again, nullptr);
+  mspace_free(space, again);
+  EXPECT_MSPACE_CONSISTENT(space);
+  destroy_mspace(space);
+  EXPECT_EQ(system.foreignUnmaps, 0);
+  EXPECT_EQ(RecordingSystem::totalBytes(system.unmaps),
+            RecordingSystem::totalBytes(system.segmentMaps));
+}
+
 INSTANTIATE_TEST_SUITE_P(Placements, MspaceGrowth,
                          ::testing::Values(Placement::Gapped, Placement::Ascending,
-                                           Placement::Descending));
+                                           Placement::Descending),
+                         [](const ::testing::TestParamInfo<Placement>& param) {
+                           return std::string(placementName(param.param));
+                         });
+
+TEST(MspaceTestNames, PlacementsPrintByName) {
+  // Failure messages name the parameter instead of dumping its bytes.
+  EXPECT_EQ(::testing::PrintToString(Placement::Gapped), "Gapped");
+  EXPECT_EQ(::testing::PrintToString(Placement::Ascending), "Ascending");
+  EXPECT_EQ(::testing::PrintToString(Placement::Descending), "Descending");
+}
 
 TEST_F(MspaceSystem, TrimThresholdDecidesAutomaticTrimmingAndTheCallerRegionIsKept) {
   for (int threshold : {256 * 1024, -1}) {  // -1: never automatically, as the pools set it

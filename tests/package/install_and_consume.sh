@@ -13,6 +13,7 @@ test -n "$libdir" || { echo "libbase.so was not installed"; exit 1; }
 soname=$(objdump -p "$libdir/libbase.so" | awk '/SONAME/ {print $2}')
 [[ $soname == libbase.so.* ]] || { echo "unexpected SONAME '$soname'"; exit 1; }
 test -f "$prefix/include/kestrel/settings.h" || { echo "settings.h was not installed"; exit 1; }
+"$(dirname "$0")/exported_symbols.sh" "$libdir/libbase.so"
 
 echo "== CMake package"
 "$cmake" -S "$consumer" -B "$scratch/by-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
