@@ -244,7 +244,7 @@ class KESTREL_EXPORT Setting {
   static void* sCurrentModifier;
   // The open restore frames, innermost first; each frame lists the settings
   // changed in it, most recent first. Inspect only: open and close frames
-  // with pushAllSettings()/popAllSettings(). Emptied and destroyed at exit.
+  // with pushAllSettings()/popAllSettings(). Destroyed at exit.
   static QList<QList<Setting*>> sRestoreList;
 
  protected:

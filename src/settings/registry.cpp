@@ -26,14 +26,11 @@ constinit QList<QList<Setting*>> Setting::sRestoreList;
 
 namespace {
 
-// Declared after sRestoreList, so destroyed just before it: drops the frames
-// still open at exit (without rolling them back) and marks the list gone.
+// Declared after sRestoreList, so destroyed just before it: marks the list
+// gone. Frames still open at exit are dropped with it, without roll-back.
 struct RestoreListEnd {
   constexpr RestoreListEnd() = default;
-  ~RestoreListEnd() {
-    gRestoreListGone = true;
-    Setting::sRestoreList = QList<QList<Setting*>>();
-  }
+  ~RestoreListEnd() { gRestoreListGone = true; }
 };
 constinit RestoreListEnd gRestoreListEnd;
 
