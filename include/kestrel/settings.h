@@ -231,11 +231,14 @@ class KESTREL_EXPORT Setting {
   static Setting* findSetting(const QString& name);
   // Opens a restore frame: until it is popped, every typed set that changes
   // a value records the setting and saves its old value. Frames nest; only
-  // the innermost one records.
+  // the innermost one records. Frames may be left open when the program
+  // ends: at exit they are dropped without roll-back, whatever the order of
+  // destruction of static settings; from then on this does nothing.
   static void pushAllSettings();
-  // Rolls back every change recorded in the innermost frame (most recent
-  // first), silently, and closes it. False, and nothing happens, when no
-  // frame is open.
+  // Closes the innermost frame, then rolls back every change recorded in it
+  // (most recent first), silently. A popSetting() that sets other settings
+  // while the frame rolls back is recorded in the enclosing frame. False,
+  // and nothing happens, when no frame is open.
   static bool popAllSettings();
 
   // Who is making the following changes; an opaque word the client assigns.
@@ -244,7 +247,7 @@ class KESTREL_EXPORT Setting {
   static void* sCurrentModifier;
   // The open restore frames, innermost first; each frame lists the settings
   // changed in it, most recent first. Inspect only: open and close frames
-  // with pushAllSettings()/popAllSettings().
+  // with pushAllSettings()/popAllSettings(). Destroyed at exit.
   static QList<QList<Setting*>> sRestoreList;
 
  protected:
@@ -340,13 +343,16 @@ class KESTREL_EXPORT TypedSetting : public Setting {
   void set(T value);
 
   // bool: the trimmed, lower-cased text is "true" or "1" (anything else is
-  // false). int: one decimal integer. float, double: one real number.
-  // QString: the first word. pair: two integers, a missing one reads 0.
+  // false). int: one decimal integer after optional white space and sign;
+  // beyond the int range it saturates ("3000000000" reads 2147483647).
+  // float, double: one real number. QString: the first word. pair: two
+  // integers read the same way, a missing one reads 0.
   // QDateTime: Qt::TextDate ("Tue Jul 4 09:05:00 2006"). Unreadable numbers
   // read 0, an unreadable date-time is the null QDateTime.
   void fromString(const QString& text) override;
-  // bool "1"/"0"; int decimal; float, double 6 significant digits in %g style
-  // ("0.1", "1.23457e+06"); QString as is; pair "640 480"; QDateTime
+  // bool "1"/"0"; int decimal; float, double exactly as printf("%g") in the
+  // C locale ("0.1", "1.23457e+06", 12345.25 gives "12345.2", -0.0 gives
+  // "-0"); QString as is; pair "640 480"; QDateTime
   // "2006-7-4__9-5-0" (fields of a null date or time print as 0).
   QString toString() const override;
   // bool 1.0/0.0; int, float, double the value; other kinds 0.0.
@@ -574,7 +580,8 @@ class KESTREL_EXPORT IntHistogramSetting : public Setting {
   const IntHistogram& getHistogram() const { return *mHistogram; }
 
   void fromString(const QString& text) override;
-  // "<min sample> <max sample> <average>", e.g. "2 4 3".
+  // "<min sample> <max sample> <average>", e.g. "2 4 3"; the average as
+  // printf("%g") writes it.
   QString toString() const override;
   // "&name-minv:i=..&name-maxv:i=..&name-bins:i=..&name-mins:i=..
   // &name-maxs:i=..&name-avgs:i=.." (average truncated toward zero) followed

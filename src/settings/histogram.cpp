@@ -2,6 +2,7 @@
 #include <kestrel/settings.h>
 
 #include "settings/log_form.h"
+#include "settings/number_text.h"
 
 #include <QIODevice>
 #include <QTextStream>
@@ -19,7 +20,8 @@ struct IntHistogram::Bins {
   std::vector<std::uint32_t> counts;
   int minValue = 0;
   int maxValue = 0;
-  int width = 0;
+  // 64-bit: (maxValue - minValue) / 1 over a wide range does not fit an int.
+  long long width = 0;
 };
 
 IntHistogram::IntHistogram() = default;
@@ -30,9 +32,7 @@ IntHistogram::IntHistogram(int minValue, int maxValue, int binCount)
   mBins->counts.assign(entries > 0 ? static_cast<std::size_t>(entries) : 0, 0u);
   mBins->minValue = minValue;
   mBins->maxValue = maxValue;
-  // In 64 bits: maxValue - minValue may not fit an int.
-  mBins->width =
-      binCount > 0 ? static_cast<int>((static_cast<long long>(maxValue) - minValue) / binCount) : 0;
+  mBins->width = binCount > 0 ? (static_cast<long long>(maxValue) - minValue) / binCount : 0;
 }
 
 IntHistogram::IntHistogram(const IntHistogram&) = default;
@@ -137,7 +137,7 @@ QString IntHistogramSetting::toString() const {
   QString text;
   QTextStream out(&text, QIODevice::WriteOnly);
   out << mHistogram->getMinSample() << ' ' << mHistogram->getMaxSample() << ' '
-      << mHistogram->getAvgSample();
+      << settings_detail::realText(mHistogram->getAvgSample());
   out.flush();
   return text;
 }

@@ -13,16 +13,33 @@ namespace {
 SettingGroup* gGroupHead = nullptr;
 int gGroupCount = 0;
 Setting* gPendingHead = nullptr;
-// Frames opened by pushAllSettings() and not yet popped. Trivially
-// destructible, so a static setting dying at exit after sRestoreList may
-// still ask whether any frame is open.
-int gOpenFrames = 0;
+// Set at exit just before sRestoreList is destroyed. Static settings of other
+// files may be destroyed (or set) after that, depending on the order their
+// files were linked in; from then on no frame is read, opened or recorded.
+bool gRestoreListGone = false;
 
 }  // namespace
 
 void* Setting::sCurrentModifier = nullptr;
 // constinit: must be usable before any dynamic initialiser runs.
 constinit QList<QList<Setting*>> Setting::sRestoreList;
+
+namespace {
+
+// Declared after sRestoreList, so destroyed just before it: marks the list
+// gone. Frames still open at exit are dropped with it, without roll-back.
+struct RestoreListEnd {
+  constexpr RestoreListEnd() = default;
+  ~RestoreListEnd() { gRestoreListGone = true; }
+};
+constinit RestoreListEnd gRestoreListEnd;
+
+// True while at least one restore frame is open.
+bool framesOpen() {
+  return !gRestoreListGone && !Setting::sRestoreList.isEmpty();
+}
+
+}  // namespace
 
 namespace detail {
 
@@ -160,7 +177,7 @@ Setting::~Setting() {
   }
   // Deliberate: a setting that dies while recorded in an open restore frame
   // leaves the frame, so that popAllSettings() never reaches a dead object.
-  if (gOpenFrames > 0) {
+  if (framesOpen()) {
     for (QList<Setting*>& frame : sRestoreList) frame.removeAll(this);
   }
   RegistryAccess::detachAll(&mObservers);
@@ -182,7 +199,7 @@ void Setting::notifyPreDelete() {
 }
 
 void Setting::recordChange() {
-  if (sRestoreList.isEmpty()) return;
+  if (!framesOpen()) return;
   sRestoreList.first().prepend(this);
   pushSetting();
 }
@@ -201,18 +218,17 @@ Setting* Setting::findSetting(const QString& name) {
 }
 
 void Setting::pushAllSettings() {
+  if (gRestoreListGone) return;
   sRestoreList.prepend(QList<Setting*>());
-  ++gOpenFrames;
 }
 
 bool Setting::popAllSettings() {
-  if (sRestoreList.isEmpty()) return false;
-  // A copy: popSetting() of a client class may set values (recording into
-  // this very frame) without disturbing the walk.
-  const QList<Setting*> frame = sRestoreList.first();
+  if (!framesOpen()) return false;
+  // Off the list before the walk: a popSetting() of a client class that sets
+  // another setting records that change in the enclosing frame (or nowhere,
+  // when this was the last one), not in the frame being dropped.
+  const QList<Setting*> frame = sRestoreList.takeFirst();
   for (Setting* setting : frame) setting->popSetting();
-  sRestoreList.removeFirst();
-  --gOpenFrames;
   return true;
 }
 

@@ -3,6 +3,7 @@
 #include <kestrel/settings.h>
 
 #include "settings/log_form.h"
+#include "settings/number_text.h"
 
 #include <QIODevice>
 #include <QTextStream>
@@ -57,22 +58,23 @@ void TypedSetting<T>::fromString(const QString& text) {
     set(word == QLatin1String("true") || word == QLatin1String("1"));
   } else if constexpr (std::is_same_v<T, QDateTime>) {
     set(QDateTime::fromString(text, Qt::TextDate));
+  } else if constexpr (std::is_same_v<T, int> || std::is_same_v<T, std::pair<int, int>>) {
+    // Deliberate: integers are read as decimal only ("010" is ten, "0x1f"
+    // reads 0) and saturate at the int limits instead of wrapping. A number
+    // that cannot be read is 0.
+    qsizetype pos = 0;
+    const int first = settings_detail::readInt(text, pos).value_or(0);
+    if constexpr (std::is_same_v<T, int>) {
+      set(first);
+    } else {
+      set({first, settings_detail::readInt(text, pos).value_or(0)});
+    }
   } else {
     QString source = text;
     QTextStream in(&source, QIODevice::ReadOnly);
-    // Deliberate: integers are read as decimal only; "010" is ten and "0x1f"
-    // reads 0, not the base the prefix would select.
-    in.setIntegerBase(10);
-    if constexpr (std::is_same_v<T, std::pair<int, int>>) {
-      int first = 0;
-      int second = 0;
-      in >> first >> second;
-      set({first, second});
-    } else {
-      T value{};
-      in >> value;
-      set(std::move(value));
-    }
+    T value{};
+    in >> value;
+    set(std::move(value));
   }
 }
 
@@ -88,6 +90,8 @@ QString TypedSetting<T>::toString() const {
     const settings_detail::DateTimeFields f = settings_detail::fieldsOf(mValue);
     out << f.year << '-' << f.month << '-' << f.day << "__" << f.hour << '-' << f.minute << '-'
         << f.second;
+  } else if constexpr (std::is_same_v<T, float> || std::is_same_v<T, double>) {
+    out << settings_detail::realText(mValue);
   } else {
     out << mValue;
   }

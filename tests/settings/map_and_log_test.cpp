@@ -40,6 +40,8 @@ TEST_F(MapAndLogTest, ChangesOfPresentKeysGoThroughTheTypedSetter) {
   EXPECT_EQ(watcher.changed, 0) << "new entries notify nobody";
   EXPECT_TRUE(group.getSetting(0)->getFirstFlag()) << "the log switch at creation";
   EXPECT_FALSE(group.getSetting(2)->getFirstFlag());
+  EXPECT_FALSE(group.getSetting(0)->getSecondFlag()) << "entries pass false, whatever the switch";
+  EXPECT_FALSE(group.getSetting(2)->getSecondFlag());
 
   Setting::pushAllSettings();
   map.incrementValue(1);

@@ -103,5 +103,50 @@ TEST_F(RestoreFrames, PopWalksMostRecentFirstAndSkipsDestroyedSettings) {
   EXPECT_EQ(b.get(), 0);
 }
 
+// The frame being popped is taken off the list before it is walked: a
+// popSetting() that sets another setting is recorded in the enclosing frame,
+// so popping that frame later restores the other setting too.
+TEST_F(RestoreFrames, RollBackThatSetsAnotherSettingIsRecordedInTheEnclosingFrame) {
+  class Leader : public IntSetting {
+   public:
+    Leader(SettingGroup& group, IntSetting* follower)
+        : IntSetting(group, QStringLiteral("x"), 0, false, false), mFollower(follower) {}
+    ~Leader() override { notifyPreDelete(); }
+    bool popSetting() override {
+      const bool popped = IntSetting::popSetting();
+      mFollower->set(get() + 100);
+      return popped;
+    }
+
+   private:
+    IntSetting* mFollower;
+  };
+  SettingGroup group(QStringLiteral("frame.follow"));
+  IntSetting y(group, QStringLiteral("y"), 0, false, false);
+  Leader x(group, &y);
+
+  Setting::pushAllSettings();
+  y.set(1);
+  Setting::pushAllSettings();
+  x.set(5);
+  EXPECT_TRUE(Setting::popAllSettings());
+  EXPECT_EQ(x.get(), 0);
+  EXPECT_EQ(y.get(), 100) << "set by x's roll-back";
+  ASSERT_EQ(Setting::sRestoreList.size(), 1);
+  EXPECT_EQ(Setting::sRestoreList.first(), (QList<Setting*>{&y, &y}));
+
+  EXPECT_TRUE(Setting::popAllSettings());
+  EXPECT_EQ(y.get(), 0) << "the value that stood when the outer frame opened";
+  EXPECT_FALSE(y.popSetting()) << "no stray saved value left on y's stack";
+
+  // With no enclosing frame the roll-back's change is recorded nowhere.
+  Setting::pushAllSettings();
+  x.set(7);
+  EXPECT_TRUE(Setting::popAllSettings());
+  EXPECT_EQ(y.get(), 100);
+  EXPECT_FALSE(y.popSetting());
+  EXPECT_TRUE(Setting::sRestoreList.isEmpty());
+}
+
 }  // namespace
 }  // namespace kestrel::test
