@@ -3,25 +3,53 @@
 // when a form succeeds, and written to the caller only by ParseFrom.
 #include <kestrel/coordinates.h>
 
+#include <charconv>
 #include <cmath>
+#include <system_error>
 
 namespace kestrel {
 namespace {
 
+// The number a capture holds (digits with at most one decimal point, or
+// "0." and digits), as the locale-free text conversion reads it. Short
+// texts of ASCII digits and points take the standard library's correctly
+// rounded reader, which gives the same double and is many times faster;
+// anything else (other digits, texts long enough to overflow) goes through
+// QString's conversion.
+bool toNumber(QStringView text, double* number) {
+  constexpr qsizetype kShort = 24;  // neither overflows nor underflows a double
+  if (text.size() <= kShort) {
+    char ascii[kShort];
+    qsizetype n = 0;
+    for (QChar c : text) {
+      if (!((c >= u'0' && c <= u'9') || c == u'.')) break;
+      ascii[n++] = static_cast<char>(c.unicode());
+    }
+    if (n == text.size() && n > 0) {
+      const std::from_chars_result r = std::from_chars(ascii, ascii + n, *number);
+      if (r.ec == std::errc() && r.ptr == ascii + n) return true;
+    }
+  }
+  bool ok = false;
+  const double value = text.toDouble(&ok);
+  if (ok) *number = value;
+  return ok;
+}
+
 // Whole degrees and whole minutes: the number truncated toward zero, which
 // must lie in 0 .. limit.
 bool wholeInRange(QStringView digits, double limit, double* whole) {
-  bool ok = false;
-  const double value = std::trunc(digits.toDouble(&ok));
-  if (!ok || !(value >= 0.0 && value <= limit)) return false;
+  double value = 0.0;
+  if (!toNumber(digits, &value)) return false;
+  value = std::trunc(value);
+  if (!(value >= 0.0 && value <= limit)) return false;
   *whole = value;
   return true;
 }
 
 bool numberInRange(QStringView text, double limit, double* number) {
-  bool ok = false;
-  const double value = text.toDouble(&ok);
-  if (!ok || !(value >= 0.0 && value <= limit)) return false;
+  double value = 0.0;
+  if (!toNumber(text, &value) || !(value >= 0.0 && value <= limit)) return false;
   *number = value;
   return true;
 }
@@ -31,9 +59,8 @@ double toFraction(QStringView digits) {
   QString text;
   text.reserve(digits.size() + 2);
   text.append(u"0.").append(digits);
-  bool ok = false;
-  const double fraction = text.toDouble(&ok);
-  return ok ? fraction : -1.0;
+  double fraction = 0.0;
+  return toNumber(text, &fraction) ? fraction : -1.0;
 }
 
 // A comma fraction, which must lie in 0 .. 1 (so -1 fails).
@@ -117,14 +144,32 @@ bool angleDMSF(const LatLngValuePatterns& p, QStringView text, bool comma, doubl
   return true;
 }
 
+// The one angle form a text can be in. Every angle pattern fixes whether a
+// comma occurs (the comma forms need one, the point forms allow none) and how
+// many numbers do not follow the decimal mark (1 DF, 2 DMF, 3 DMSF), so the
+// six forms never match the same text and trying only that one gives what
+// trying all six in order gives. Digits other than ASCII ones never convert,
+// so miscounting them changes no result.
 bool parseAngle(QStringView text, double* value) {
-  const LatLngValuePatterns& p = *LatLngValuePatterns::GetSingleton();
-  for (bool comma : {false, true}) {
-    if (angleDMSF(p, text, comma, value) || angleDMF(p, text, comma, value) ||
-        angleDF(p, text, comma, value))
-      return true;
+  const bool comma = text.contains(u',');
+  const QChar decimalMark = comma ? u',' : u'.';
+  int numbers = 0;
+  for (qsizetype i = 0; i < text.size(); ++i) {
+    const bool digit = text[i] >= u'0' && text[i] <= u'9';
+    const bool startsRun = i == 0 || !(text[i - 1] >= u'0' && text[i - 1] <= u'9');
+    if (digit && startsRun && (i == 0 || text[i - 1] != decimalMark)) ++numbers;
   }
-  return false;
+  const LatLngValuePatterns& p = *LatLngValuePatterns::GetSingleton();
+  switch (numbers) {
+    case 1:
+      return angleDF(p, text, comma, value);
+    case 2:
+      return angleDMF(p, text, comma, value);
+    case 3:
+      return angleDMSF(p, text, comma, value);
+    default:
+      return false;
+  }
 }
 
 // Character tests on the first character of a capture; an empty capture is a
@@ -150,6 +195,18 @@ bool isLongitudeLetter(QStringView capture) {
 }
 bool isDirectionLetter(QStringView capture) {
   return isLatitudeLetter(capture) || isLongitudeLetter(capture);
+}
+
+// Which forms can match at all, from the first and the last character: the
+// letter-after forms end with their letter, the letter-before forms start
+// with it, and the sign forms neither start nor end with a letter.
+struct LetterPlaces {
+  bool first;
+  bool last;
+};
+LetterPlaces letterPlaces(QStringView text) {
+  if (text.isEmpty()) return {false, false};
+  return {isDirectionLetter(text.first(1)), isDirectionLetter(text.last(1))};
 }
 
 // An angle capture with its letter or sign capture, made negative where the
@@ -246,7 +303,10 @@ SignedAngleValue::SignedAngleValue(double* output, const SignedAnglePatterns* pa
     : mOutput(output), mValue(0.0), mPatterns(patterns) {}
 
 bool SignedAngleValue::ParseFrom(const QString& text) {
-  if (!TryDA(text) && !TryDB(text) && !TrySB(text)) return false;
+  const LetterPlaces letters = letterPlaces(text);
+  const bool found = (letters.last && TryDA(text)) || (letters.first && TryDB(text)) ||
+                     (!letters.first && !letters.last && TrySB(text));
+  if (!found) return false;
   if (mOutput) *mOutput = mValue;
   return true;
 }
@@ -293,9 +353,11 @@ bool LatLngPair::Parse(const QString& text, double* latitude, double* longitude)
 }
 
 bool LatLngPair::ParseFrom(const QString& text) {
+  const LetterPlaces letters = letterPlaces(text);
   bool found = false;
   for (bool comma : {false, true}) {
-    found = TryDA(text, comma) || TryDB(text, comma) || TrySB(text, comma);
+    found = (letters.last && TryDA(text, comma)) || (letters.first && TryDB(text, comma)) ||
+            (!letters.first && !letters.last && TrySB(text, comma));
     if (found) break;
   }
   // Only the first form that reads the text counts: its latitude must fit.
