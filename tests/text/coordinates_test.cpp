@@ -135,6 +135,9 @@ struct Row {
   std::optional<double> expected;  // nullopt: rejected
 };
 
+// Rows print as their input text.
+void PrintTo(const Row& row, std::ostream* out) { *out << '"' << row.input << '"'; }
+
 const double k37_25_19_5 = 37.0 + 25.0 / 60.0 + 19.5 / 3600.0;
 
 const Row kAngleRows[] = {
@@ -392,6 +395,10 @@ struct SignedCase {
   Row row;
 };
 
+void PrintTo(const SignedCase& c, std::ostream* out) {
+  *out << (c.latitude ? "latitude " : "longitude ") << '"' << c.row.input << '"';
+}
+
 class SignedAngleText : public ::testing::TestWithParam<SignedCase> {};
 
 TEST_P(SignedAngleText, ParsesOrLeavesOutputUntouched) {
@@ -445,6 +452,8 @@ struct PairRow {
   double latitude;
   double longitude;
 };
+
+void PrintTo(const PairRow& row, std::ostream* out) { *out << '"' << row.input << '"'; }
 
 const PairRow kPairRows[] = {
     // letters after

@@ -33,6 +33,10 @@ struct ValueRow {
   const char* expected;
 };
 
+void PrintTo(const ValueRow& row, std::ostream* out) {
+  *out << '"' << row.document << "\" at \"" << row.path << '"';
+}
+
 class XmlValue : public testing::TestWithParam<ValueRow> {};
 
 TEST_P(XmlValue, PathFindsTheTrimmedTextAfterTheLastChild) {
@@ -102,6 +106,8 @@ struct ErrorRow {
   std::string document;
   const char* expected;
 };
+
+void PrintTo(const ErrorRow& row, std::ostream* out) { *out << testing::PrintToString(row.document); }
 
 class XmlParseError : public testing::TestWithParam<ErrorRow> {};
 
