@@ -173,7 +173,8 @@ class KESTREL_EXPORT DateTime {
 KESTREL_EXPORT const QString& operator>>(const QString& text, DateTime& value);
 
 // Reads one whitespace-delimited word and parses it as above (throws
-// DateTimeParseError).
+// DateTimeParseError). A stream with no word left reads an empty word, which
+// throws.
 KESTREL_EXPORT QTextStream& operator>>(QTextStream& in, DateTime& value);
 
 // Write toString(). The std::ostream form (std::stringstream and the

@@ -343,6 +343,10 @@ const QString& operator>>(const QString& text, DateTime& value) {
 QTextStream& operator>>(QTextStream& in, DateTime& value) {
   QString word;
   in >> word;
+  // QTextStream leaves the word null when no word is left; the reader takes
+  // that as an empty word (which fails), never as "no text" (which would
+  // leave the value as it was).
+  if (word.isNull()) word = QString(QLatin1String(""));
   word >> value;
   return in;
 }

@@ -616,6 +616,15 @@ TEST(DateTimeStreams, WriteTheIsoTextAndReadOneWordAtATime) {
   EXPECT_EQ(fields(first), "2008 2 29 12 0 0 0 0");
   EXPECT_EQ(fields(second), "1999 12 31 0 0 0 0 0");
   EXPECT_THROW(in >> first, DateTimeParseError);
+  // An exhausted stream reads an empty word, not a null one: it is handed
+  // on like any word and fails, instead of leaving the value as it was.
+  DateTime kept = make(1999, 1, 2);
+  try {
+    in >> kept;
+    ADD_FAILURE() << "no exception at the end of the stream: " << fields(kept);
+  } catch (const DateTimeParseError& e) {
+    EXPECT_EQ(e.message(), QStringLiteral("Could not parse time value "));
+  }
 }
 
 // ---------------------------------------------------------------------------
