@@ -22,7 +22,7 @@
 // Example:
 //
 //   kestrel::DateTime t;
-//   QStringLiteral("2007-05-17T10:20:30+02:00") >> t;  // throws DateTimeParseError
+//   QStringLiteral("2007-05-17T10:20:30+02:00") >> t;  // bad text: DateTimeParseError
 //   t.adjustTimeZone(0, 0);
 //   t.toString();                                      // "2007-05-17T08:20:30Z"
 //   t.add(0, 1, 0, 0, 0, 0);                           // 2007-06-17T08:20:30Z
