@@ -148,7 +148,8 @@ class KESTREL_EXPORT DateTime {
   //   zone 0:               "2007-05-17T10:20:30Z";
   //   otherwise:            "2007-05-17T10:20:30+02:00" / "...-05:30"; the sign
   //     is '+' only when tzHours > 0, so 0 hours 30 minutes prints "-00:30".
-  // Years have at least four digits ("-001" for -1, "0000" for 0).
+  // Years are zero-padded to four characters, a minus sign included ("-001"
+  // for -1, "0000" for 0, "12345" as it is).
   QString toString() const;
 
   // Reads an HTTP date such as "Thu, 17 May 2007 10:20:30 GMT" found anywhere
