@@ -22,7 +22,7 @@
 // Example:
 //
 //   kestrel::DateTime t;
-//   QStringLiteral("2007-05-17T10:20:30+02:00") >> t;  // throws DateTimeParseError
+//   QStringLiteral("2007-05-17T10:20:30+02:00") >> t;  // bad text: DateTimeParseError
 //   t.adjustTimeZone(0, 0);
 //   t.toString();                                      // "2007-05-17T08:20:30Z"
 //   t.add(0, 1, 0, 0, 0, 0);                           // 2007-06-17T08:20:30Z
@@ -148,7 +148,8 @@ class KESTREL_EXPORT DateTime {
   //   zone 0:               "2007-05-17T10:20:30Z";
   //   otherwise:            "2007-05-17T10:20:30+02:00" / "...-05:30"; the sign
   //     is '+' only when tzHours > 0, so 0 hours 30 minutes prints "-00:30".
-  // Years have at least four digits ("-001" for -1, "0000" for 0).
+  // Years are zero-padded to four characters, a minus sign included ("-001"
+  // for -1, "0000" for 0, "12345" as it is).
   QString toString() const;
 
   // Reads an HTTP date such as "Thu, 17 May 2007 10:20:30 GMT" found anywhere
@@ -173,7 +174,8 @@ class KESTREL_EXPORT DateTime {
 KESTREL_EXPORT const QString& operator>>(const QString& text, DateTime& value);
 
 // Reads one whitespace-delimited word and parses it as above (throws
-// DateTimeParseError).
+// DateTimeParseError). A stream with no word left reads an empty word, which
+// throws.
 KESTREL_EXPORT QTextStream& operator>>(QTextStream& in, DateTime& value);
 
 // Write toString(). The std::ostream form (std::stringstream and the

@@ -250,14 +250,34 @@ const QRegularExpression& httpDateTail() {
   return pattern;
 }
 
+// `text` with each unpaired surrogate replaced by U+FFFD: valid UTF-16, as the
+// matcher needs, with the same date in it (no surrogate is part of a date).
+QString withPairedSurrogates(const QString& text) {
+  if (text.isValidUtf16()) return text;
+  QString copy = text;
+  for (qsizetype i = 0; i < copy.size(); ++i) {
+    const QChar c = copy[i];
+    if (c.isHighSurrogate() && i + 1 < copy.size() && copy[i + 1].isLowSurrogate()) {
+      ++i;
+    } else if (c.isSurrogate()) {
+      copy[i] = QChar::ReplacementCharacter;
+    }
+  }
+  return copy;
+}
+
 // Groups 1 to 6: day, month name, year, hour, minute, second.
-QRegularExpressionMatch matchHttpDate(const QString& text) {
+QRegularExpressionMatch matchHttpDate(const QString& input) {
+  // Checked once here: the matcher would otherwise check the rest of the text
+  // at every comma (quadratic) and fail on any broken UTF-16 after it.
+  const QString text = withPairedSurrogates(input);
   for (qsizetype comma = text.indexOf(QLatin1Char(','), 1); comma > 0;
        comma = text.indexOf(QLatin1Char(','), comma + 1)) {
     if (text[comma - 1] == QLatin1Char(',')) continue;
     QRegularExpressionMatch match =
         httpDateTail().match(text, comma + 1, QRegularExpression::NormalMatch,
-                             QRegularExpression::AnchorAtOffsetMatchOption);
+                             QRegularExpression::AnchorAtOffsetMatchOption |
+                                 QRegularExpression::DontCheckSubjectStringMatchOption);
     if (match.hasMatch()) return match;
   }
   return {};
@@ -343,6 +363,10 @@ const QString& operator>>(const QString& text, DateTime& value) {
 QTextStream& operator>>(QTextStream& in, DateTime& value) {
   QString word;
   in >> word;
+  // QTextStream leaves the word null when no word is left; the reader takes
+  // that as an empty word (which fails), never as "no text" (which would
+  // leave the value as it was).
+  if (word.isNull()) word = QString(QLatin1String(""));
   word >> value;
   return in;
 }

@@ -329,6 +329,20 @@ TEST(DateTimeHttp, FindsWhatTheWholePatternSearchFinds) {
   EXPECT_GT(dates, 5000);
 }
 
+TEST(DateTimeHttp, LoneSurrogatesAnywhereDoNotHideTheDate) {
+  // Broken UTF-16 is just more characters that are not part of the date,
+  // before it or after it.
+  const QString date = QStringLiteral("Thu, 17 May 2007 10:20:30 GMT");
+  const QString lone[] = {QString(QChar(0xD800)), QString(QChar(0xDC00))};
+  for (const QString& bad : lone) {
+    for (const QString& text : {bad + date, date + bad, date + QLatin1Char(' ') + bad + bad}) {
+      DateTime t;
+      t.parseHttpDate(text);
+      EXPECT_EQ(fields(t), "2007 5 17 10 20 30 0 0") << int(bad[0].unicode());
+    }
+  }
+}
+
 // ---------------------------------------------------------------------------
 // Second counts and calendar arithmetic
 // ---------------------------------------------------------------------------
@@ -616,6 +630,15 @@ TEST(DateTimeStreams, WriteTheIsoTextAndReadOneWordAtATime) {
   EXPECT_EQ(fields(first), "2008 2 29 12 0 0 0 0");
   EXPECT_EQ(fields(second), "1999 12 31 0 0 0 0 0");
   EXPECT_THROW(in >> first, DateTimeParseError);
+  // An exhausted stream reads an empty word, not a null one: it is handed
+  // on like any word and fails, instead of leaving the value as it was.
+  DateTime kept = make(1999, 1, 2);
+  try {
+    in >> kept;
+    ADD_FAILURE() << "no exception at the end of the stream: " << fields(kept);
+  } catch (const DateTimeParseError& e) {
+    EXPECT_EQ(e.message(), QStringLiteral("Could not parse time value "));
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -665,7 +688,10 @@ TEST(DateTimeBadInput, LongHttpTextsFailQuickly) {
   const auto started = std::chrono::steady_clock::now();
   const QString texts[] = {QString(10000, QLatin1Char('a')) + ',', QString(10000, QLatin1Char(',')),
                            QStringLiteral("Thu, 17 May ").repeated(800),
-                           QString(10000, QLatin1Char(' ')) + QStringLiteral("x, 1 Jan 1 1:1")};
+                           QString(10000, QLatin1Char(' ')) + QStringLiteral("x, 1 Jan 1 1:1"),
+                           // Many commas: each is a place to look, so the
+                           // text must not be re-scanned at every one.
+                           QStringLiteral("x,1 ").repeated(100000)};
   for (const QString& text : texts) {
     DateTime t;
     t.parseHttpDate(text);
