@@ -33,6 +33,13 @@ SpinLock& callLock() {
   return *lock;
 }
 
+// Signalled (under the call lock) whenever a call has finished running its
+// method, for detach() waiting for that. Never destroyed, like the lock.
+Conditional& callFinished() {
+  static Conditional* finished = new Conditional;
+  return *finished;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -94,7 +101,21 @@ Timer::SyncMethod& Timer::SyncMethod::operator=(const SyncMethod&) {
 }
 
 Timer::SyncMethod::~SyncMethod() {
-  CSMutex hold(callLock());
+  detach();
+}
+
+void Timer::SyncMethod::detach() {
+  SpinLock& lock = callLock();
+  lock.lock(SpinLock::kForever);
+  const ThreadHandle self = System::getCurrentThread();
+  // A call that is running the method stays linked until it has finished.
+  const auto runningElsewhere = [&] {
+    for (SyncMethodEvent* call = event; call; call = call->nextForMethod) {
+      if (call->runningOn != 0 && call->runningOn != self) return true;
+    }
+    return false;
+  };
+  while (runningElsewhere()) callFinished().wait(lock);
   SyncMethodEvent* call = event;
   while (call) {
     SyncMethodEvent* older = call->nextForMethod;
@@ -103,6 +124,13 @@ Timer::SyncMethod::~SyncMethod() {
     call = older;
   }
   event = nullptr;
+  lock.unlock();
+}
+
+void Timer::SyncMethod::destroy(SyncMethod* method) {
+  if (!method) return;
+  method->detach();
+  delete method;
 }
 
 // ---------------------------------------------------------------------------
@@ -145,7 +173,8 @@ SyncMethodEvent::SyncMethodEvent(Timer::SyncMethod& m, bool wait, bool owns)
       method(nullptr),
       nextForMethod(nullptr),
       ownsMethod(owns),
-      ran(false) {
+      ran(false),
+      runningOn(0) {
   // Posted events are delivered on the thread of their receiver.
   if (QCoreApplication* app = QCoreApplication::instance()) moveToThread(app->thread());
   event = new SyncCustomEvent(this);
@@ -225,13 +254,21 @@ void SyncMethodEvent::customEvent(QEvent* e) {
   }
   ev->m_target = nullptr;
   event = nullptr;
+  // While it runs, the method stays linked to this call and marked as
+  // running, so that a thread detaching it waits; run() may also destroy it
+  // (detach() on this thread does not wait), so it is not touched after.
   Timer::SyncMethod* m = method;
+  if (m) runningOn = System::getCurrentThread();
   lock.unlock();
 
   if (m) m->run();
 
   lock.lock(SpinLock::kForever);
   ran = m != nullptr;
+  if (m) {
+    runningOn = 0;
+    callFinished().broadcast();
+  }
   if (done) {
     done->post();  // the waiting caller deletes this object
     lock.unlock();
