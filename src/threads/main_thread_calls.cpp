@@ -108,22 +108,25 @@ void Timer::SyncMethod::detach() {
   SpinLock& lock = callLock();
   lock.lock(SpinLock::kForever);
   const ThreadHandle self = System::getCurrentThread();
-  // A call that is running the method stays linked until it has finished.
-  const auto runningElsewhere = [&] {
-    for (SyncMethodEvent* call = event; call; call = call->nextForMethod) {
-      if (call->runningOn != 0 && call->runningOn != self) return true;
+  // Every call that is not running the method is unlinked at once, so none
+  // can start running it from now on; a call that is running it on another
+  // thread stays linked until it has finished, and is unlinked then.
+  for (;;) {
+    bool runningElsewhere = false;
+    SyncMethodEvent** link = &event;
+    while (SyncMethodEvent* call = *link) {
+      if (call->runningOn != 0 && call->runningOn != self) {
+        runningElsewhere = true;
+        link = &call->nextForMethod;
+        continue;
+      }
+      *link = call->nextForMethod;
+      call->method = nullptr;
+      call->nextForMethod = nullptr;
     }
-    return false;
-  };
-  while (runningElsewhere()) callFinished().wait(lock);
-  SyncMethodEvent* call = event;
-  while (call) {
-    SyncMethodEvent* older = call->nextForMethod;
-    call->method = nullptr;
-    call->nextForMethod = nullptr;
-    call = older;
+    if (!runningElsewhere) break;
+    callFinished().wait(lock);
   }
-  event = nullptr;
   lock.unlock();
 }
 
