@@ -91,7 +91,8 @@ class KESTREL_EXPORT SpinLock {
   SpinLock& operator=(const SpinLock&) = delete;
 
   // Acquires the lock. The owner re-enters at once (the count goes up, no
-  // system call). Otherwise waits up to timeoutMs milliseconds; kForever
+  // system call). Otherwise waits up to timeoutMs milliseconds, measured on
+  // the monotonic clock (setting the wall clock changes nothing); kForever
   // (pass -1) waits without limit, 0 does not wait. Returns 0 when held,
   // -1 on timeout or error (the lock is then not held by the caller).
   int lock(unsigned int timeoutMs = kForever);
@@ -150,7 +151,8 @@ class KESTREL_EXPORT Conditional {
   // Returns 0; -1 without waiting if the caller does not hold lock.
   int wait(SpinLock& lock);
 
-  // Like wait(), with a deadline of now (wall-clock) + timeoutMs. The
+  // Like wait(), with a deadline of now + timeoutMs on the monotonic clock,
+  // so setting the wall clock neither stretches nor shortens the wait. The
   // deadline is computed as the 32-bit build did: now's microseconds plus
   // timeoutMs x 1000 in signed 32-bit arithmetic, so a timeout above
   // 2147483 ms (about 35 minutes) wraps and times out at once.
@@ -362,10 +364,9 @@ class KESTREL_EXPORT AsyncThread {
   // Stops every worker and waits until all have left their loops (polling
   // every 10 ms), then joins their threads and clears every record's
   // thread handle to 0 (a joined id may name another thread from then on).
-  // Returns 0, also at once when
-  // never started or already stopped. A crew is started at most once, so
-  // after this the object can only be destroyed. Must not be called from
-  // the handler's callback.
+  // Returns 0, also at once when never started or already stopped. A crew
+  // is started at most once, so after this the object can only be
+  // destroyed. Must not be called from the handler's callback.
   int exitThreads();
 
   // The crew's rendezvous: counts the caller as one arrival in the current
