@@ -92,7 +92,10 @@ class KESTREL_EXPORT System {
   // Stores id as the calling thread's main-thread mark; creates the
   // library's main-thread key on first use (safe against concurrent first
   // use). Only kMainThreadMark marks a thread as the main thread; any other
-  // value clears the mark of the calling thread.
+  // value clears the mark of the calling thread. If the system cannot give
+  // the library a key (the process has used up its thread-local keys),
+  // nothing is stored anywhere: isMainThread() stays false, and a later call
+  // tries to create the key again.
   static void setMainThreadId(unsigned int id);
 
   // True when the calling thread's mark equals kMainThreadMark (0xC0FFEE).

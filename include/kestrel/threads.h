@@ -91,7 +91,8 @@ class KESTREL_EXPORT SpinLock {
   SpinLock& operator=(const SpinLock&) = delete;
 
   // Acquires the lock. The owner re-enters at once (the count goes up, no
-  // system call). Otherwise waits up to timeoutMs milliseconds; kForever
+  // system call). Otherwise waits up to timeoutMs milliseconds, measured on
+  // the monotonic clock (setting the wall clock changes nothing); kForever
   // (pass -1) waits without limit, 0 does not wait. Returns 0 when held,
   // -1 on timeout or error (the lock is then not held by the caller).
   int lock(unsigned int timeoutMs = kForever);
@@ -150,7 +151,8 @@ class KESTREL_EXPORT Conditional {
   // Returns 0; -1 without waiting if the caller does not hold lock.
   int wait(SpinLock& lock);
 
-  // Like wait(), with a deadline of now (wall-clock) + timeoutMs. The
+  // Like wait(), with a deadline of now + timeoutMs on the monotonic clock,
+  // so setting the wall clock neither stretches nor shortens the wait. The
   // deadline is computed as the 32-bit build did: now's microseconds plus
   // timeoutMs x 1000 in signed 32-bit arithmetic, so a timeout above
   // 2147483 ms (about 35 minutes) wraps and times out at once.
@@ -317,8 +319,9 @@ class KESTREL_EXPORT AsyncThread {
   struct KESTREL_EXPORT ThreadInfo {
     ThreadInfo();
     AsyncThread* owner;     // the crew
-    ThreadHandle thread;    // 0 until started, and for a worker that
-                            // could not be started
+    ThreadHandle thread;    // 0 until started, for a worker that could
+                            // not be started, and again once
+                            // exitThreads() has joined the worker
     Semaphore semaphore;    // the worker waits here for work
     unsigned long pending;  // announced work units, 0 .. 2; guarded by
                             // the crew's lock (read it with pending())
@@ -359,10 +362,11 @@ class KESTREL_EXPORT AsyncThread {
   void ready();
 
   // Stops every worker and waits until all have left their loops (polling
-  // every 10 ms), then joins their threads. Returns 0, also at once when
-  // never started or already stopped. A crew is started at most once, so
-  // after this the object can only be destroyed. Must not be called from
-  // the handler's callback.
+  // every 10 ms), then joins their threads and clears every record's
+  // thread handle to 0 (a joined id may name another thread from then on).
+  // Returns 0, also at once when never started or already stopped. A crew
+  // is started at most once, so after this the object can only be
+  // destroyed. Must not be called from the handler's callback.
   int exitThreads();
 
   // The crew's rendezvous: counts the caller as one arrival in the current
@@ -414,17 +418,49 @@ class KESTREL_EXPORT Timer : public QObject {
   Q_OBJECT
 
  public:
-  // A unit of work for the main thread. Subclasses implement run(). A
-  // method may be destroyed at any time before its call is delivered (the
-  // call is then dropped); it must not be destroyed while run() executes on
-  // the main thread. Copies are not linked to any pending call.
+  // A unit of work for the main thread. Subclasses implement run().
+  //
+  // Destroying a method that may still have a posted call: the call is
+  // delivered on the main thread, so a method destroyed on another thread
+  // races with the delivery. The base destructor runs only after the
+  // subclass's destructor has already taken the object apart, too late to
+  // stop a call from running it. Detach it first, in one of two ways:
+  //   - the owner destroys it with SyncMethod::destroy(method), which
+  //     detaches and then deletes; or
+  //   - the most derived destructor calls detach() as its first statement
+  //     (the way for a method that lives on the stack or as a member).
+  //
+  //   struct Refresh : kestrel::Timer::SyncMethod {
+  //     ~Refresh() override { detach(); }
+  //     int run() override;
+  //   };
+  //
+  // After detach() no call runs the method any more: pending calls are
+  // dropped unrun, and a call the main thread is running at that moment has
+  // returned. On the main thread itself a plain delete is safe too (no call
+  // can be delivered while it runs the destructor), and run() may destroy
+  // its own method. Copies are not linked to any pending call.
   class KESTREL_EXPORT SyncMethod {
    public:
     SyncMethod();
     SyncMethod(const SyncMethod& other);
     SyncMethod& operator=(const SyncMethod& other);
-    // Detaches from a pending call, which is then not run.
+    // Detaches (see detach()). This is a last resort that does not make a
+    // destruction on another thread safe: see the class comment.
     virtual ~SyncMethod();
+
+    // Detaches from every pending call, which is then dropped unrun. If the
+    // main thread is running this method for one of its calls at that
+    // moment, waits until run() has returned (unless the caller is that
+    // very thread: run() may destroy its method). Thread-safe, cheap when
+    // nothing is pending, and may be called any number of times; a later
+    // execute()/executeAsync() posts new calls as usual. A thread that
+    // detaches must not hold anything the running method waits for.
+    void detach();
+
+    // Detaches method, then deletes it; null does nothing. The way to
+    // destroy a heap method on any thread while calls may be pending.
+    static void destroy(SyncMethod* method);
 
     // The work; its result is returned by execute() on the main thread.
     virtual int run() = 0;
@@ -537,7 +573,8 @@ class KESTREL_EXPORT SyncMethodEvent : public QObject {
   Timer::SyncMethod* method;       // null once the method has gone away
   SyncMethodEvent* nextForMethod;  // older pending call of the same method
   bool ownsMethod;
-  bool ran;  // the method was run
+  bool ran;                // the method was run
+  ThreadHandle runningOn;  // the thread running the method now; 0 if none
 };
 
 }  // namespace kestrel

@@ -141,11 +141,14 @@ int AsyncThread::exitThreads() {
     }
   }
   while (running() != 0) System::sleep(10);
-  // The workers have left their loops; reclaim their threads.
+  // The workers have left their loops; reclaim their threads. A joined
+  // handle is cleared: the system may reuse the id for another thread.
   for (unsigned long i = 0; i < d->threadCount; ++i) {
-    if (d->threads[i].thread != 0) System::join(d->threads[i].thread);
+    const ThreadHandle thread = d->threads[i].thread;
+    if (thread != 0) System::join(thread);
   }
   CSMutex hold(d->guard);
+  for (unsigned long i = 0; i < d->threadCount; ++i) d->threads[i].thread = 0;
   d->exiting = 0;
   d->reaped = true;
   return 0;

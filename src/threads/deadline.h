@@ -10,7 +10,7 @@ struct Deadline {
   long nanoseconds;  // 0 .. 999999999
 };
 
-// now + timeoutMs, from a wall-clock reading of nowSeconds + nowMicroseconds.
+// now + timeoutMs, from a clock reading of nowSeconds + nowMicroseconds.
 // Keeps the 32-bit build's arithmetic where it shows: the microsecond sum
 // (now's microseconds + timeoutMs x 1000) is a signed 32-bit value, so a
 // timeout above 2147483 ms wraps and lands in the past (the wait then times

@@ -10,8 +10,10 @@
 #include "deadline.h"
 
 #include <pthread.h>
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 #include <semaphore.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <atomic>
 #include <cerrno>
@@ -63,10 +65,11 @@ bool multiProcessor() {
   return many;
 }
 
-// Absolute CLOCK_REALTIME time timeoutMs from now, for pthread_mutex_timedlock.
-timespec realtimeIn(unsigned int timeoutMs) {
+// Absolute CLOCK_MONOTONIC time timeoutMs from now: timed waits end after
+// the time asked for whatever happens to the wall clock meanwhile.
+timespec monotonicIn(unsigned int timeoutMs) {
   timespec t;
-  clock_gettime(CLOCK_REALTIME, &t);
+  clock_gettime(CLOCK_MONOTONIC, &t);
   t.tv_sec += static_cast<time_t>(timeoutMs / 1000);
   t.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
   if (t.tv_nsec >= 1000000000L) {
@@ -74,6 +77,20 @@ timespec realtimeIn(unsigned int timeoutMs) {
     t.tv_sec += 1;
   }
   return t;
+}
+
+// A timed acquisition against the monotonic clock. ThreadSanitizer does not
+// know pthread_mutex_clocklock, so that build tells it about the acquisition
+// itself (the release goes through pthread_mutex_unlock, which it knows).
+int clockLock(pthread_mutex_t* mutex, const timespec& until) {
+#if defined(__SANITIZE_THREAD__)
+  __tsan_mutex_pre_lock(mutex, __tsan_mutex_try_lock);
+  const int rc = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &until);
+  __tsan_mutex_post_lock(mutex, rc == 0 ? __tsan_mutex_try_lock : __tsan_mutex_try_lock_failed, 0);
+  return rc;
+#else
+  return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &until);
+#endif
 }
 
 }  // namespace
@@ -102,11 +119,8 @@ SpinLock::~SpinLock() {
 
 namespace {
 
-// The parts of lock() and unlock() that call the system, kept out of line so
-// that the owner's re-entry and release need no stack frame.
 // A thread's first lock or unlock fills the cache, then starts again; kept
-// out of line (and reached by a tail call) so that the hot paths keep no
-// stack frame.
+// out of line so that the hot paths stay small.
 [[gnu::noinline, gnu::cold]] int lockOnFirstUse(SpinLock& lock, unsigned int timeoutMs) {
   fillCurrentThread();
   return lock.lock(timeoutMs);
@@ -117,69 +131,59 @@ namespace {
   return lock.unlock();
 }
 
-// The caller has just read currentThread(), so tSelf is set; reading it again
-// after the wait keeps one register fewer alive across the call.
-[[gnu::noinline]] int acquireForever(SpinLockData* data) {
-  if (pthread_mutex_lock(&data->region) != 0) return -1;
-  data->count.store(1, std::memory_order_relaxed);
-  data->owner.store(tSelf, std::memory_order_relaxed);
-  return 0;
-}
-
 [[gnu::noinline]] int acquireWithin(SpinLockData* data, pthread_t self, unsigned int timeoutMs) {
-  int rc;
-  if (timeoutMs == 0) {
-    rc = pthread_mutex_trylock(&data->region);
-  } else {
-    const timespec until = realtimeIn(timeoutMs);
-    rc = pthread_mutex_timedlock(&data->region, &until);
-  }
+  const int rc = timeoutMs == 0 ? pthread_mutex_trylock(&data->region)
+                                : clockLock(&data->region, monotonicIn(timeoutMs));
   if (rc != 0) return -1;
   data->count.store(1, std::memory_order_relaxed);
   data->owner.store(self, std::memory_order_relaxed);
   return 0;
 }
 
-// count is what the last level left: 0 normally. Below 0 the caller took
-// ownership of a free lock (stealOwnership) and there is no mutex to release.
-// The mutex is a normal or adaptive one, whose unlock always succeeds, so its
-// result is ours (a tail call).
-[[gnu::noinline]] int release(SpinLockData* data, int count) {
-  data->owner.store(0, std::memory_order_relaxed);
-  if (count < 0) {
-    data->count.store(0, std::memory_order_relaxed);
-    return 0;
-  }
-  return pthread_mutex_unlock(&data->region);
+// The caller took ownership of a free lock (stealOwnership): there is no
+// mutex to release.
+[[gnu::noinline, gnu::cold]] int releaseStolen(SpinLockData* data) {
+  data->count.store(0, std::memory_order_relaxed);
+  return 0;
 }
 
 }  // namespace
 
+// The uncontended paths make exactly one call, the mutex's own, and no
+// other: the owner test, the count and the owner are plain loads and stores.
 int SpinLock::lock(unsigned int timeoutMs) {
-  const pthread_t self = tSelf;
-  if (__builtin_expect(self == 0, 0)) return lockOnFirstUse(*this, timeoutMs);
   SpinLockData* const data = d;
-  if (data->owner.load(std::memory_order_relaxed) == self) {
+  const pthread_t self = tSelf;
+  const pthread_t owner = data->owner.load(std::memory_order_relaxed);
+  if (__builtin_expect(self == 0, 0)) return lockOnFirstUse(*this, timeoutMs);
+  if (owner == self) {
     data->count.store(data->count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return 0;
   }
-  if (__builtin_expect(timeoutMs == kForever, 1)) return acquireForever(data);
-  return acquireWithin(data, self, timeoutMs);
+  if (__builtin_expect(timeoutMs != kForever, 0)) return acquireWithin(data, self, timeoutMs);
+  if (__builtin_expect(pthread_mutex_lock(&data->region) != 0, 0)) return -1;
+  data->count.store(1, std::memory_order_relaxed);
+  data->owner.store(self, std::memory_order_relaxed);
+  return 0;
 }
 
 int SpinLock::trylock() {
   return lock(0);
 }
 
+// The mutex is a normal or adaptive one, whose unlock by the thread that
+// holds it always succeeds, so its result is ours (a tail call).
 int SpinLock::unlock() {
+  SpinLockData* const data = d;
   const pthread_t self = tSelf;
   if (__builtin_expect(self == 0, 0)) return unlockOnFirstUse(*this);
-  SpinLockData* const data = d;
   if (data->owner.load(std::memory_order_relaxed) != self) return -1;
   const int count = data->count.load(std::memory_order_relaxed) - 1;
   data->count.store(count, std::memory_order_relaxed);
   if (count > 0) return 0;
-  return release(data, count);
+  data->owner.store(0, std::memory_order_relaxed);
+  if (__builtin_expect(count < 0, 0)) return releaseStolen(data);
+  return pthread_mutex_unlock(&data->region);
 }
 
 ThreadHandle SpinLock::stealOwnership() {
@@ -210,7 +214,7 @@ int waitWith(pthread_cond_t* cond, SpinLockData* lock, const timespec* until) {
   lock->count.store(0, std::memory_order_relaxed);
   int rc;
   if (until)
-    rc = pthread_cond_timedwait(cond, &lock->region, until);
+    rc = pthread_cond_clockwait(cond, &lock->region, CLOCK_MONOTONIC, until);
   else
     rc = pthread_cond_wait(cond, &lock->region);
   lock->count.store(count, std::memory_order_relaxed);
@@ -237,9 +241,12 @@ int Conditional::wait(SpinLock& lock) {
 }
 
 int Conditional::timedwait(SpinLock& lock, unsigned long timeoutMs) {
-  timeval now;
-  gettimeofday(&now, nullptr);
-  const detail::Deadline deadline = detail::conditionalDeadline(now.tv_sec, now.tv_usec, timeoutMs);
+  // The deadline is on the monotonic clock, so setting the wall clock
+  // neither stretches nor shortens the wait.
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const detail::Deadline deadline =
+      detail::conditionalDeadline(now.tv_sec, now.tv_nsec / 1000, timeoutMs);
   timespec until;
   until.tv_sec = static_cast<time_t>(deadline.seconds);
   until.tv_nsec = deadline.nanoseconds;

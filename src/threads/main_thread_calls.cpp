@@ -33,6 +33,13 @@ SpinLock& callLock() {
   return *lock;
 }
 
+// Signalled (under the call lock) whenever a call has finished running its
+// method, for detach() waiting for that. Never destroyed, like the lock.
+Conditional& callFinished() {
+  static Conditional* finished = new Conditional;
+  return *finished;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -94,15 +101,39 @@ Timer::SyncMethod& Timer::SyncMethod::operator=(const SyncMethod&) {
 }
 
 Timer::SyncMethod::~SyncMethod() {
-  CSMutex hold(callLock());
-  SyncMethodEvent* call = event;
-  while (call) {
-    SyncMethodEvent* older = call->nextForMethod;
-    call->method = nullptr;
-    call->nextForMethod = nullptr;
-    call = older;
+  detach();
+}
+
+void Timer::SyncMethod::detach() {
+  SpinLock& lock = callLock();
+  lock.lock(SpinLock::kForever);
+  const ThreadHandle self = System::getCurrentThread();
+  // Every call that is not running the method is unlinked at once, so none
+  // can start running it from now on; a call that is running it on another
+  // thread stays linked until it has finished, and is unlinked then.
+  for (;;) {
+    bool runningElsewhere = false;
+    SyncMethodEvent** link = &event;
+    while (SyncMethodEvent* call = *link) {
+      if (call->runningOn != 0 && call->runningOn != self) {
+        runningElsewhere = true;
+        link = &call->nextForMethod;
+        continue;
+      }
+      *link = call->nextForMethod;
+      call->method = nullptr;
+      call->nextForMethod = nullptr;
+    }
+    if (!runningElsewhere) break;
+    callFinished().wait(lock);
   }
-  event = nullptr;
+  lock.unlock();
+}
+
+void Timer::SyncMethod::destroy(SyncMethod* method) {
+  if (!method) return;
+  method->detach();
+  delete method;
 }
 
 // ---------------------------------------------------------------------------
@@ -145,7 +176,8 @@ SyncMethodEvent::SyncMethodEvent(Timer::SyncMethod& m, bool wait, bool owns)
       method(nullptr),
       nextForMethod(nullptr),
       ownsMethod(owns),
-      ran(false) {
+      ran(false),
+      runningOn(0) {
   // Posted events are delivered on the thread of their receiver.
   if (QCoreApplication* app = QCoreApplication::instance()) moveToThread(app->thread());
   event = new SyncCustomEvent(this);
@@ -225,13 +257,21 @@ void SyncMethodEvent::customEvent(QEvent* e) {
   }
   ev->m_target = nullptr;
   event = nullptr;
+  // While it runs, the method stays linked to this call and marked as
+  // running, so that a thread detaching it waits; run() may also destroy it
+  // (detach() on this thread does not wait), so it is not touched after.
   Timer::SyncMethod* m = method;
+  if (m) runningOn = System::getCurrentThread();
   lock.unlock();
 
   if (m) m->run();
 
   lock.lock(SpinLock::kForever);
   ran = m != nullptr;
+  if (m) {
+    runningOn = 0;
+    callFinished().broadcast();
+  }
   if (done) {
     done->post();  // the waiting caller deletes this object
     lock.unlock();

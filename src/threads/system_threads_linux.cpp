@@ -1,13 +1,13 @@
 // The thread members of System on POSIX threads.
 #include <kestrel/system.h>
 
+#include "main_thread_key.h"
 #include "spawn_hook.h"
 
 #include <pthread.h>
 #include <atomic>
 #include <cerrno>
 #include <ctime>
-#include <mutex>
 #include <type_traits>
 
 namespace kestrel {
@@ -33,10 +33,12 @@ void* threadWrapper(void* p) {
 
 std::atomic<detail::ThreadCreateFunction> sThreadCreate{&detail::platformThreadCreate};
 
-// The main-thread key, created on the first setMainThreadId().
-std::once_flag sMainKeyOnce;
-std::atomic<bool> sMainKeyCreated{false};
-pthread_key_t sMainKey;
+// The main-thread key, created on the first setMainThreadId(). Never
+// destroyed: any thread may ask isMainThread() while the process exits.
+detail::MainThreadKey& mainKey() {
+  static detail::MainThreadKey* key = new detail::MainThreadKey;
+  return *key;
+}
 
 }  // namespace
 
@@ -90,17 +92,12 @@ ThreadHandle System::getCurrentThread() {
 }
 
 void System::setMainThreadId(unsigned int id) {
-  std::call_once(sMainKeyOnce, [] {
-    pthread_key_create(&sMainKey, nullptr);
-    sMainKeyCreated.store(true, std::memory_order_release);
-  });
   // The mark is stored as the value itself, not as a pointer to it.
-  pthread_setspecific(sMainKey, reinterpret_cast<void*>(static_cast<unsigned long>(id)));
+  mainKey().store(id);
 }
 
 bool System::isMainThread() {
-  if (!sMainKeyCreated.load(std::memory_order_acquire)) return false;
-  return reinterpret_cast<unsigned long>(pthread_getspecific(sMainKey)) == kMainThreadMark;
+  return mainKey().load() == kMainThreadMark;
 }
 
 int System::sleep(int ms) {

@@ -1,6 +1,7 @@
 // SpinLock, CSMutex, Conditional, Semaphore, Barrier, GlobalLock, BlockMainLock
 // and the lazily created lock behind the last two.
 #include "threads_test_support.h"
+#include "wall_clock_shift.h"
 
 #include <kestrel/threads.h>
 
@@ -48,7 +49,11 @@ TEST(SpinLock, RecursionOwnershipAndTimeouts) {
   EXPECT_EQ(onOtherThread([&] { return lock.unlock(); }), -1);
   EXPECT_EQ(onOtherThread([&] { return lock.lock(0); }), -1);
   int result = 0;
-  EXPECT_GE(elapsedMs([&] { result = onOtherThread([&] { return lock.lock(100); }); }), 80.0);
+  // A timed lock waits about as long as asked: not much less, and not ten
+  // times longer (a loaded machine stays well within that).
+  const double waited = elapsedMs([&] { result = onOtherThread([&] { return lock.lock(100); }); });
+  EXPECT_GE(waited, 80.0);
+  EXPECT_LE(waited, 1000.0);
   EXPECT_EQ(result, -1);
   expectHeldLevels(lock, 3);
   EXPECT_EQ(lock.unlock(), -1);  // nothing left to release
@@ -150,7 +155,9 @@ TEST(Conditional, WaitsReleaseTheWholeHoldAndRestoreIt) {
   ASSERT_EQ(lock.lock(), 0);
   ASSERT_EQ(lock.lock(), 0);  // held twice across the waits
   int result = 0;
-  EXPECT_GE(elapsedMs([&] { result = cond.timedwait(lock, 60); }), 40.0);
+  const double waited = elapsedMs([&] { result = cond.timedwait(lock, 60); });
+  EXPECT_GE(waited, 40.0);
+  EXPECT_LE(waited, 600.0);
   EXPECT_EQ(result, -1);
   bool flag = false;
   std::thread signaller([&] {
@@ -182,12 +189,60 @@ TEST(Conditional, DeadlineCarriesMicrosecondsAndKeepsTheThirtyTwoBitSum) {
   }
 }
 
+// Timed waits run on the monotonic clock: the wall clock set back (or on)
+// by an hour while they wait changes nothing. Measured on the monotonic
+// clock as well; the wall clock is only shifted for the code under test.
+TEST(TimedWaits, IgnoreTheWallClockBeingSet) {
+  for (const long shift : {-3600L, 3600L}) {
+    SCOPED_TRACE(shift);
+    SpinLock lock;
+    Conditional cond;
+    ASSERT_EQ(lock.lock(), 0);
+    WallClockShift shifted(shift);
+    int result = 0;
+    double waited = elapsedMs([&] { result = onOtherThread([&] { return lock.lock(100); }); });
+    EXPECT_EQ(result, -1);
+    EXPECT_GE(waited, 80.0);
+    EXPECT_LE(waited, 1000.0);
+    waited = elapsedMs([&] { result = cond.timedwait(lock, 100); });
+    EXPECT_EQ(result, -1);
+    EXPECT_GE(waited, 80.0);
+    EXPECT_LE(waited, 1000.0);
+    EXPECT_EQ(lock.unlock(), 0);
+  }
+}
+
+TEST(TestThenAdd, ReturnsTheValueBeforeTheAddition) {
+  long volatile x = 2;
+  EXPECT_EQ(TestThenAdd(&x, 5), 2);
+  EXPECT_EQ(x, 7);
+  EXPECT_EQ(TestThenAdd(&x, -9), 7);
+  EXPECT_EQ(x, -2);
+  EXPECT_EQ(TestThenAdd(&x, 0), -2);
+  // Atomic: every thread sees each value exactly once.
+  long volatile counter = 0;
+  const int threads = 4, adds = 2000 * kStress;
+  std::vector<std::vector<long>> seen(threads);
+  runThreads(threads, [&](int index) {
+    for (int i = 0; i < adds; ++i)
+      seen[static_cast<size_t>(index)].push_back(TestThenAdd(&counter, 1));
+  });
+  EXPECT_EQ(counter, static_cast<long>(threads) * adds);
+  std::set<long> all;
+  for (const auto& values : seen) all.insert(values.begin(), values.end());
+  EXPECT_EQ(all.size(), static_cast<size_t>(threads) * adds);
+  EXPECT_EQ(*all.begin(), 0);
+}
+
 TEST(Semaphore, TrywaitAttemptsAndCounts) {
   Semaphore sem(1);
   EXPECT_EQ(sem.trywait(0), -1);  // deliberate: no attempt, not even with a unit there
   EXPECT_EQ(sem.trywait(1), 0);
   int result = 0;
-  EXPECT_GE(elapsedMs([&] { result = sem.trywait(3); }), 3.0);  // about 1 ms per attempt
+  // About 1 ms per attempt: at least that, and not ten times more.
+  const double polled = elapsedMs([&] { result = sem.trywait(20); });
+  EXPECT_GE(polled, 20.0);
+  EXPECT_LE(polled, 200.0);
   EXPECT_EQ(result, -1);
 
   // A unit posted while it polls is taken; trywait(-1) blocks until a post.
@@ -273,11 +328,18 @@ TEST(Barrier, AWakeUpBelongsToTheCycleItWasPostedFor) {
   const auto twoCycles = [&](std::atomic<int>* cycles) {
     for (int i = 0; i < 2; ++i) *cycles += barrier.enter() == 0;
   };
-  std::thread a(twoCycles, &aCycles);
+  std::thread a, b;
+  // Left early by a failed assertion: A thawed and B started if it was not,
+  // the two make up both cycles between them, and both are joined.
+  JoinOnExit joinBoth({&a, &b}, [&] {
+    sThaw = true;
+    if (!b.joinable()) b = std::thread(twoCycles, &bCycles);
+  });
+  a = std::thread(twoCycles, &aCycles);
   std::this_thread::sleep_for(std::chrono::milliseconds(50));  // A waits in cycle 1
   pthread_kill(a.native_handle(), SIGUSR1);
   ASSERT_TRUE(waitUntil([] { return sFrozen.load(); }));
-  std::thread b(twoCycles, &bCycles);
+  b = std::thread(twoCycles, &bCycles);
   ASSERT_TRUE(waitUntil([&] { return bCycles.load() >= 1; }));
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   const int bEarly = bCycles.load();
@@ -289,8 +351,7 @@ TEST(Barrier, AWakeUpBelongsToTheCycleItWasPostedFor) {
     barrier.enter();
     waitUntil([&] { return aCycles.load() >= cycle; });
   }
-  a.join();
-  b.join();
+  ASSERT_TRUE(waitUntil([&] { return aCycles.load() == 2 && bCycles.load() == 2; }));
   EXPECT_EQ(aCycles.load(), 2);
   EXPECT_EQ(bCycles.load(), 2);
   sigaction(SIGUSR1, &previous, nullptr);

@@ -154,6 +154,122 @@ TEST_F(MainThreadCalls, AMethodDestroyedBeforeDeliveryIsNotRun) {
   EXPECT_EQ(order, (std::vector<int>{1, 1}));
 }
 
+namespace {
+
+// The run() of these methods is only ever reached through the base class,
+// like a method whose subclass adds the work: a call that ran one being
+// destroyed would call a pure virtual function once the subclass is gone,
+// or find the subclass's state torn down.
+struct LayeredMethod : Timer::SyncMethod {
+  int run() final { return work(); }
+  virtual int work() = 0;
+};
+
+constexpr int kAlive = 0x600D, kDead = 0xDEAD;
+
+struct Work : LayeredMethod {
+  explicit Work(std::atomic<int>* runs_, std::atomic<int>* torn_, bool detachFirst)
+      : runs(runs_), torn(torn_), detachInDestructor(detachFirst) {}
+  ~Work() override {
+    if (detachInDestructor) detach();
+    state = kDead;
+  }
+  int work() override {
+    *torn += state != kAlive;
+    for (int i = 0; i < 200; ++i) spin.fetch_add(1);  // widens the window
+    *torn += state != kAlive;
+    runs->fetch_add(1);
+    return 0;
+  }
+  std::atomic<int>* runs;
+  std::atomic<int>* torn;
+  bool detachInDestructor;
+  std::atomic<int> state{kAlive};
+  std::atomic<int> spin{0};
+};
+
+}  // namespace
+
+// Workers post calls of their own methods and destroy the methods at once,
+// while the main thread delivers: the two safe ways (destroy(), or detach()
+// first in the subclass's destructor) never let a call run a method that is
+// being destroyed, whether the call was still pending or already running.
+TEST_F(MainThreadCalls, MethodsDestroyedOnWorkersWhilePostedNeverRunHalfDestroyed) {
+  std::atomic<int> runs{0}, torn{0}, posted{0}, workersDone{0};
+  const auto duration = std::chrono::milliseconds(kestrel_test::kStress >= 10 ? 2000 : 1000);
+  const auto end = std::chrono::steady_clock::now() + duration;
+  std::vector<std::thread> workers;
+  for (int w = 0; w < 3; ++w) {
+    workers.emplace_back([&, w] {
+      for (int i = 0; std::chrono::steady_clock::now() < end; ++i) {
+        const bool viaDestroy = (i + w) % 2 == 0;
+        Work* m = new Work(&runs, &torn, !viaDestroy);
+        for (int k = 0; k <= i % 3; ++k) posted += Timer::executeAsync(*m) == 0;
+        if (i % 4 == 1) std::this_thread::yield();  // let some calls start running
+        if (viaDestroy)
+          Timer::SyncMethod::destroy(m);
+        else
+          delete m;
+      }
+      workersDone.fetch_add(1);
+    });
+  }
+  kestrel_test::JoinOnExit joinAll({&workers[0], &workers[1], &workers[2]});
+  ASSERT_TRUE(processEventsUntil([&] { return workersDone.load() == 3; }, 30000));
+  processEventsFor(20);
+  EXPECT_EQ(torn.load(), 0);
+  EXPECT_GT(posted.load(), 0);
+  EXPECT_LE(runs.load(), posted.load());
+  Timer::SyncMethod::destroy(nullptr);  // does nothing
+}
+
+// detach() on a worker while the main thread runs the method waits for run()
+// to return, and drops the call still pending; run() may destroy its own
+// method (detach() on the running thread does not wait for itself).
+TEST_F(MainThreadCalls, DetachWaitsForTheRunningCallAndDropsPendingOnes) {
+  std::atomic<bool> entered{false}, detached{false}, detachedDuringRun{false};
+  RecordingMethod method(0, [&] {
+    entered = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the worker detaches now
+    detachedDuringRun = detached.load();
+  });
+  ASSERT_EQ(Timer::executeAsync(method), 0);
+  ASSERT_EQ(Timer::executeAsync(method), 0);
+  std::thread worker([&] {
+    if (!kestrel_test::waitUntil([&] { return entered.load(); })) return;
+    method.detach();
+    detached = true;
+  });
+  kestrel_test::JoinOnExit joinWorker({&worker});
+  ASSERT_TRUE(processEventsUntil([&] { return detached.load(); }));
+  processEventsFor(20);
+  EXPECT_FALSE(detachedDuringRun.load());
+  EXPECT_EQ(method.runs.load(), 1);
+  method.detach();  // again: nothing left to detach
+
+  // Detached, it can be posted again as usual.
+  ASSERT_EQ(Timer::executeAsync(method), 0);
+  ASSERT_TRUE(processEventsUntil([&] { return method.runs.load() == 2; }));
+
+  struct SelfDestroying : Timer::SyncMethod {
+    explicit SelfDestroying(std::atomic<int>* r) : ran(r) {}
+    ~SelfDestroying() override { detach(); }
+    int run() override {
+      ran->fetch_add(1);
+      delete this;
+      return 0;
+    }
+    std::atomic<int>* ran;
+  };
+  std::atomic<int> ran{0};
+  SelfDestroying* once = new SelfDestroying(&ran);
+  ASSERT_EQ(Timer::executeAsync(*once), 0);
+  ASSERT_EQ(Timer::executeAsync(*once), 0);  // dropped with the method
+  ASSERT_TRUE(processEventsUntil([&] { return ran.load() == 1; }));
+  processEventsFor(20);
+  EXPECT_EQ(ran.load(), 1);
+}
+
 TEST_F(MainThreadCalls, CallsDiscardedUndeliveredAreReleasedUnrun) {
   const auto discardCalls = [] {
     QCoreApplication::removePostedEvents(nullptr, SyncMethodEvent::kEventType);
@@ -202,6 +318,30 @@ TEST_F(MainThreadCalls, SingleShotAndRepeatingTimers) {
   processEventsFor(60);
   EXPECT_EQ(once.fired, 1);
   EXPECT_EQ(repeating.fired, fired);
+}
+
+// start() goes through stop() first: restarting a running timer replaces it
+// rather than adding a second Qt timer that keeps firing.
+TEST_F(MainThreadCalls, RestartStopsThePreviousTimer) {
+  struct CountingTimer : Timer {
+    void timeout() override { ++fired; }
+    void stop() override {
+      ++stops;
+      Timer::stop();
+    }
+    int fired = 0, stops = 0;
+  } timer;
+  timer.start(5, false);
+  EXPECT_EQ(timer.stops, 1);
+  ASSERT_TRUE(processEventsUntil([&] { return timer.fired >= 2; }));
+  timer.start(60000, true);  // far in the future
+  EXPECT_EQ(timer.stops, 2);
+  EXPECT_TRUE(timer.isActive());
+  const int fired = timer.fired;
+  processEventsFor(100);
+  EXPECT_EQ(timer.fired, fired) << "the 5 ms timer still fires";
+  timer.stop();
+  EXPECT_FALSE(timer.isActive());
 }
 
 TEST_F(MainThreadCalls, AsyncMessageBoxFromAWorkerDoesNotBlock) {

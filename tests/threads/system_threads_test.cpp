@@ -5,6 +5,7 @@
 #include <kestrel/system.h>
 #include <kestrel/threads.h>
 
+#include "threads/main_thread_key.h"
 #include "threads/spawn_hook.h"
 
 #include <gtest/gtest.h>
@@ -15,8 +16,11 @@
 #include <map>
 #include <mutex>
 
+#include <pthread.h>
+
 using namespace kestrel;
 using kestrel_test::kStress;
+using kestrel_test::onOtherThread;
 using kestrel_test::waitUntil;
 
 namespace {
@@ -126,6 +130,50 @@ TEST(SystemThreads, IsMainThreadFollowsTheMark) {
   System::setMainThreadId(System::kMainThreadMark);
 }
 
+namespace {
+
+// A key that the failing creation below hands back as if it were new: the
+// key of another component, which the library must never write.
+pthread_key_t sVictimKey;
+int sCreateAttempts = 0;
+bool sCreateFails = true;
+
+int createOrFail(pthread_key_t* key, void (*destructor)(void*)) {
+  ++sCreateAttempts;
+  if (!sCreateFails) return pthread_key_create(key, destructor);
+  *key = sVictimKey;  // what is left in the output is unspecified
+  return EAGAIN;
+}
+
+}  // namespace
+
+// The process has run out of thread-local keys: the mark is stored nowhere
+// (not in a key that belongs to someone else), the thread is not marked, and
+// a later call creates the key after all.
+TEST(SystemThreads, AMainThreadKeyThatCannotBeCreatedStoresNothingAndIsRetried) {
+  ASSERT_EQ(pthread_key_create(&sVictimKey, nullptr), 0);
+  int victimValue = 0;
+  ASSERT_EQ(pthread_setspecific(sVictimKey, &victimValue), 0);
+  sCreateAttempts = 0;
+  sCreateFails = true;
+  detail::MainThreadKey key(&createOrFail);
+  EXPECT_FALSE(key.store(System::kMainThreadMark));
+  EXPECT_EQ(key.load(), 0u);
+  EXPECT_FALSE(key.store(System::kMainThreadMark));
+  EXPECT_EQ(sCreateAttempts, 2);
+  EXPECT_EQ(pthread_getspecific(sVictimKey), &victimValue);
+
+  sCreateFails = false;
+  EXPECT_TRUE(key.store(System::kMainThreadMark));
+  EXPECT_EQ(key.load(), System::kMainThreadMark);
+  EXPECT_TRUE(key.store(7));
+  EXPECT_EQ(key.load(), 7u);
+  EXPECT_EQ(sCreateAttempts, 3);  // created once, then kept
+  EXPECT_EQ(pthread_getspecific(sVictimKey), &victimValue);
+  EXPECT_EQ(onOtherThread([&] { return key.load(); }), 0u);  // per thread
+  pthread_key_delete(sVictimKey);
+}
+
 TEST(SystemThreads, Sleep) {
   EXPECT_EQ(System::sleep(0), 0);
   EXPECT_EQ(System::sleep(-2), -1);  // only -1 means "for ever"
@@ -223,8 +271,11 @@ TEST(AsyncThread, ReadyRunsEveryWorkerOnceAndASecondStartIsRefused) {
     EXPECT_EQ(handler.total.load(), 3 * round) << "one callback per worker per ready()";
   }
   EXPECT_EQ(handler.perThread().size(), 3u);
+  for (unsigned long i = 0; i < 3; ++i) EXPECT_NE(crew.threadInfo(i).thread, 0u);
   EXPECT_EQ(crew.exitThreads(), 0);
   EXPECT_EQ(crew.running(), 0);
+  // Joined threads leave no handle behind: the system may reuse the ids.
+  for (unsigned long i = 0; i < 3; ++i) EXPECT_EQ(crew.threadInfo(i).thread, 0u) << i;
   EXPECT_EQ(crew.startThreads(), 0xC0000002u);  // not even after exit
   EXPECT_EQ(handler.outOfStep, 0);
 }
@@ -243,6 +294,25 @@ TEST(AsyncThread, WithoutReadyWorkersCycleInStep) {
     EXPECT_EQ(handler.perThread().size(), 4u);
     EXPECT_EQ(handler.outOfStep, 0) << attempts;
   }
+}
+
+// Without ready(), a waiting worker polls waitAttempts() times, 1 ms apart,
+// before each callback: the cycles come about that far apart, not faster and
+// not ten times slower.
+TEST(AsyncThread, WaitAttemptsPaceTheCyclesWithoutReady) {
+  const int attempts = 20, cycles = 6;
+  Handler handler;
+  AsyncThread crew(&handler, 1);
+  ExitGuard stop{crew};
+  crew.setWaitAttempts(attempts);
+  EXPECT_EQ(crew.waitAttempts(), attempts);
+  ASSERT_EQ(crew.startThreads(), 0u);
+  ASSERT_TRUE(waitUntil([&] { return handler.total.load() >= 1; }));
+  double elapsed = 0;
+  elapsed = kestrel_test::elapsedMs(
+      [&] { ASSERT_TRUE(waitUntil([&] { return handler.total.load() >= 1 + cycles; })); });
+  EXPECT_GE(elapsed, (cycles - 1) * attempts * 1.0);
+  EXPECT_LE(elapsed, cycles * attempts * 10.0);
 }
 
 TEST(AsyncThread, ThreeReadyCallsKeepTwoUnitsAndPostOnce) {

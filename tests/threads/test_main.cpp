@@ -10,7 +10,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
+#include <string>
+#include <thread>
 
 namespace {
 
@@ -18,6 +24,40 @@ int sArgc = 1;
 char sArg0[] = "threads_test";
 char* sArgv[] = {sArg0, nullptr};
 std::unique_ptr<QApplication> sApplication;
+
+// Ends the program when one test runs longer than kTestLimitSeconds, so that
+// a hang fails within seconds instead of at the runner's timeout.
+class Watchdog : public ::testing::EmptyTestEventListener {
+ public:
+  Watchdog() : m_thread([this] { watch(); }) { m_thread.detach(); }
+
+  void OnTestStart(const ::testing::TestInfo& info) override {
+    m_name = std::string(info.test_suite_name()) + "." + info.name();
+    m_started.store(std::chrono::steady_clock::now().time_since_epoch().count());
+  }
+  void OnTestEnd(const ::testing::TestInfo&) override { m_started.store(0); }
+
+ private:
+  void watch() {
+    const auto limit = std::chrono::seconds(kestrel_test::kTestLimitSeconds);
+    for (;;) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      const auto started = m_started.load();
+      if (started == 0) continue;
+      const auto now = std::chrono::steady_clock::now().time_since_epoch();
+      if (now - std::chrono::steady_clock::duration(started) > limit) {
+        std::fprintf(stderr, "\n%s hung: still running after %d s\n", m_name.c_str(),
+                     kestrel_test::kTestLimitSeconds);
+        std::fflush(stderr);
+        std::_Exit(3);
+      }
+    }
+  }
+
+  std::atomic<std::chrono::steady_clock::rep> m_started{0};
+  std::string m_name;  // written before m_started is set, read after
+  std::thread m_thread;
+};
 
 }  // namespace
 
@@ -52,6 +92,7 @@ int main(int argc, char** argv) {
   if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   kestrel::System::setMainThreadId(kestrel::System::kMainThreadMark);
   ::testing::InitGoogleTest(&argc, argv);
+  ::testing::UnitTest::GetInstance()->listeners().Append(new Watchdog);
   const int result = RUN_ALL_TESTS();
   sApplication.reset();
   return result;

@@ -39,6 +39,36 @@ inline double elapsedMs(const std::function<void()>& fn) {
       .count();
 }
 
+// Joins the threads it was given when it goes out of scope, so that a test
+// left early by a failed assertion destroys no joinable std::thread. Before
+// joining it runs `unblock` (if set), which must let every thread finish.
+class JoinOnExit {
+ public:
+  JoinOnExit(std::vector<std::thread*> threads, std::function<void()> unblock = {})
+      : m_threads(std::move(threads)), m_unblock(std::move(unblock)) {}
+  ~JoinOnExit() {
+    if (m_unblock) m_unblock();
+    for (std::thread* t : m_threads) {
+      if (t->joinable()) t->join();
+    }
+  }
+  JoinOnExit(const JoinOnExit&) = delete;
+  JoinOnExit& operator=(const JoinOnExit&) = delete;
+
+ private:
+  std::vector<std::thread*> m_threads;
+  std::function<void()> m_unblock;
+};
+
+// Longest a single test of this program may take before the watchdog of
+// test_main.cpp ends the program as hung: every wait in these tests is
+// bounded, by its own limit or at the latest by this one.
+#if defined(KESTREL_SANITIZED)
+constexpr int kTestLimitSeconds = 90;
+#else
+constexpr int kTestLimitSeconds = 30;
+#endif
+
 // Runs body(index) on `count` threads and joins them.
 inline void runThreads(int count, const std::function<void(int)>& body) {
   std::vector<std::thread> threads;
