@@ -92,8 +92,14 @@ int main(int argc, char** argv) {
   if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   kestrel::System::setMainThreadId(kestrel::System::kMainThreadMark);
   ::testing::InitGoogleTest(&argc, argv);
-  ::testing::UnitTest::GetInstance()->listeners().Append(new Watchdog);
+  // The watchdog's thread runs until the process ends, so the watchdog is
+  // never deleted: it is taken back from gtest, which would delete its
+  // listeners at exit.
+  static Watchdog* const watchdog = new Watchdog;
+  ::testing::TestEventListeners& listeners = ::testing::UnitTest::GetInstance()->listeners();
+  listeners.Append(watchdog);
   const int result = RUN_ALL_TESTS();
+  listeners.Release(watchdog);
   sApplication.reset();
   return result;
 }
