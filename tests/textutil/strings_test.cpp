@@ -20,9 +20,14 @@ TEST(HexEncode, EveryByteHasItsLowerCaseEntry) {
 }
 
 struct TextRow {
+  const char* name;
   const char* input;
   const char* expected;
 };
+
+std::string rowName(const testing::TestParamInfo<TextRow>& row) {
+  return row.param.name;
+}
 
 class UnescapeHtml : public testing::TestWithParam<TextRow> {};
 
@@ -31,13 +36,17 @@ TEST_P(UnescapeHtml, ReplacesAmpersandFirstThenLtThenGt) {
             QString::fromUtf8(GetParam().expected));
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, UnescapeHtml,
-                         testing::Values(TextRow{"", ""}, TextRow{"a &amp; b", "a & b"},
-                                         TextRow{"&lt;b&gt;", "<b>"},
-                                         // "&amp;" first, so the entity it makes is unescaped too.
-                                         TextRow{"&amp;lt;", "<"}, TextRow{"&amp;amp;", "&amp;"},
-                                         TextRow{"&quot;&nbsp;", "&quot;&nbsp;"},
-                                         TextRow{"&LT;", "&LT;"}, TextRow{"&amp", "&amp"}));
+INSTANTIATE_TEST_SUITE_P(
+    Rows, UnescapeHtml,
+    testing::Values(TextRow{"Empty", "", ""}, TextRow{"Ampersand", "a &amp; b", "a & b"},
+                    TextRow{"LtGt", "&lt;b&gt;", "<b>"},
+                    // "&amp;" first, so the entity it makes is unescaped too.
+                    TextRow{"AmpersandThenLt", "&amp;lt;", "<"},
+                    TextRow{"AmpersandOnce", "&amp;amp;", "&amp;"},
+                    TextRow{"OtherEntitiesKept", "&quot;&nbsp;", "&quot;&nbsp;"},
+                    TextRow{"UpperCaseKept", "&LT;", "&LT;"},
+                    TextRow{"NoSemicolonKept", "&amp", "&amp"}),
+    rowName);
 
 class ReformatFileName : public testing::TestWithParam<TextRow> {};
 
@@ -46,11 +55,13 @@ TEST_P(ReformatFileName, DropsForbiddenCharacters) {
             QString::fromUtf8(GetParam().expected));
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, ReformatFileName,
-                         testing::Values(TextRow{"a/b:c?.kml", "abc.kml"},
-                                         TextRow{"\\/:*?\"<>|", ""},
-                                         TextRow{"name with spaces.kml", "name with spaces.kml"},
-                                         TextRow{"Ünïcode|名前.kmz", "Ünïcode名前.kmz"}));
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ReformatFileName,
+    testing::Values(TextRow{"SlashColonQuestion", "a/b:c?.kml", "abc.kml"},
+                    TextRow{"EveryForbidden", "\\/:*?\"<>|", ""},
+                    TextRow{"SpacesKept", "name with spaces.kml", "name with spaces.kml"},
+                    TextRow{"NonAsciiKept", "Ünïcode|名前.kmz", "Ünïcode名前.kmz"}),
+    rowName);
 
 TEST(Conversions, RoundTripOutsideTheBasicPlane) {
   const QString text = QString::fromUtf8("a\xC3\xA9\xF0\x9F\x8C\x8D z");  // é and U+1F30D
