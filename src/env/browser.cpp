@@ -11,9 +11,7 @@ QByteArray externalBrowserArgument(const QString& url) {
   text.replace(QLatin1Char(' '), QLatin1String("%20"));
   const QUrl parsed(text, QUrl::StrictMode);
   if (!parsed.isValid()) return QByteArray();
-  const QByteArray encoded = parsed.toEncoded();
-  if (encoded.isEmpty() || encoded.startsWith('-')) return QByteArray();
-  return encoded;
+  return parsed.toEncoded();
 }
 
 }  // namespace kestrel

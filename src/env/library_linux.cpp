@@ -89,7 +89,7 @@ bool Library::isLoaded() const {
 }
 
 void* Library::resolve(const QString& symbol) const {
-  if (!d->loaded || d->handle == nullptr) return nullptr;
+  if (d->handle == nullptr) return nullptr;  // not loaded, or an empty name
   return ::dlsym(d->handle, symbol.toUtf8().constData());
 }
 

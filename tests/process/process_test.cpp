@@ -87,12 +87,53 @@ TEST(Process, KillTerminatesARunningChild) {
 }
 
 TEST(Process, DestructorStopsARunningChild) {
+  Recording record;  // the child writes its argv once its pid file is there
+  QTemporaryDir dir;
+  const QString pidFile = dir.filePath(QStringLiteral("pid"));
+  const ScopedEnv pid("KESTREL_RECORD_PID", pidFile.toStdString());
   const ScopedEnv sleep("KESTREL_RECORD_SLEEP_MS", "20000");
   const auto start = std::chrono::steady_clock::now();
-  { Process child(kRecorder, {}); }
-  // The child honoured SIGTERM, so the destructor reaped it well before the
-  // 20 seconds it wanted to sleep.
+  {
+    Process child(kRecorder, {});
+    ASSERT_TRUE(record.argv());
+  }
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  QFile file(pidFile);
+  ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+  const pid_t childPid = static_cast<pid_t>(file.readAll().trimmed().toInt());
+  ASSERT_GT(childPid, 0);
+  // The child got SIGTERM and has been reaped: its pid is gone well before
+  // the 20 seconds it wanted to sleep.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (::kill(childPid, 0) == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_NE(::kill(childPid, 0), 0) << "child " << childPid << " still there";
+}
+
+// A child that ignores SIGTERM outlives the destructor's grace time; it is
+// reaped when it ends, so no zombie stays behind.
+TEST(Process, ChildOutlivingDestructorIsReapedLater) {
+  Recording record;  // the child writes its argv once its pid file is there
+  QTemporaryDir dir;
+  const QString pidFile = dir.filePath(QStringLiteral("pid"));
+  const ScopedEnv pid("KESTREL_RECORD_PID", pidFile.toStdString());
+  const ScopedEnv sleep("KESTREL_RECORD_SLEEP_MS", "1000");
+  const ScopedEnv ignore("KESTREL_RECORD_IGNORE_TERM", "1");
+  const auto start = std::chrono::steady_clock::now();
+  {
+    Process child(kRecorder, {});
+    ASSERT_TRUE(record.argv());
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  QFile file(pidFile);
+  ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+  const pid_t childPid = static_cast<pid_t>(file.readAll().trimmed().toInt());
+  ASSERT_GT(childPid, 0);
+  // A zombie still answers kill(pid, 0); a reaped child does not.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (::kill(childPid, 0) == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_NE(::kill(childPid, 0), 0) << "child " << childPid << " still there";
 }
 
 TEST(Process, ProgramThatCannotStartFailsCleanly) {
