@@ -360,6 +360,19 @@ class KESTREL_EXPORT System {
   // The size of the open file as a signed 32-bit value (the low 32 bits of
   // the size), or -1 if it cannot be read.
   static int getSize(int fd);
+
+  // ------------------------------------------------------------------
+  // Browser (process.h has the check of the URL)
+  // ------------------------------------------------------------------
+
+  // Hands url to the desktop's opener: the program named by the environment
+  // variable KESTREL_URL_OPENER, else xdg-open, found on PATH and started
+  // with the single argument externalBrowserArgument(url); no shell is
+  // involved. Returns true once the opener has started, false for a refused
+  // URL (empty, beginning with "-", rejected by strict QUrl) or an opener
+  // that cannot start. Does not wait for the opener, which is reaped in the
+  // background. The two flags are accepted and not used on this platform.
+  static bool LaunchExternalBrowser(const QString& url, bool = false, bool = false);
 };
 
 // The value getStartTime() returns.
