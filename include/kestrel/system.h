@@ -374,7 +374,8 @@ class KESTREL_EXPORT GfxCardInfo {
   static GfxCardInfo* GetSingleton();
   virtual ~GfxCardInfo();
   // True and the memory of the first card that reports dedicated memory
-  // (DRM sysfs, else the NVIDIA management library); false if none.
+  // (DRM sysfs, else the NVIDIA management library), in megabytes rounded
+  // down, so a card with less than 1 MiB gives true and 0; false if none.
   virtual bool getGraphicsCardMemoryInMB(int& megabytes) = 0;
   // Set "unimplemented" and return false.
   virtual bool getDisplayDeviceID(QString& id) = 0;
