@@ -233,9 +233,10 @@ class KESTREL_EXPORT System {
   // A file where a folder should be makes the walk fail.
   static unsigned int makeAbsDirPath(const QString& path);
   // A path in the temporary folder that does not exist yet: the folder, "/",
-  // the first five characters of prefix and six random characters, then
-  // "." and extension unless extension is empty. Empty if no free name was
-  // found. Nothing is created, so another process may take the name.
+  // the first five characters of prefix ("file" when prefix is empty) and
+  // six random characters, then "." and extension unless extension is
+  // empty. Empty if no free name was found. Nothing is created, so another
+  // process may take the name.
   static QString makeTempFilePath(const QString& extension, const QString& prefix);
 
   // ------------------------------------------------------------------
