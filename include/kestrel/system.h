@@ -216,7 +216,8 @@ class KESTREL_EXPORT System {
   // The user's cache folder ($XDG_CACHE_HOME, by default ~/.cache) plus
   // "/Orvane Kestrel"; created if missing.
   static QString getCacheDirectory();
-  // The user's documents folder; not created. Empty if there is none.
+  // The user's documents folder (XDG_DOCUMENTS_DIR of the XDG user-dirs file,
+  // by default ~/Documents); not created, so it may not exist.
   static QString getMyDocumentsDirectory();
   // The temporary folder ($TMPDIR, else /tmp).
   static QString getTempDirectory();
