@@ -92,9 +92,11 @@ TEST(TempFilePath, NamesAreFreshAndCarryPrefixAndExtension) {
 TEST(TempFilePath, EmptyPrefixBecomesFile) {
   QTemporaryDir tmp;
   ScopedEnv tmpdir("TMPDIR", utf8(tmp.path()));
-  const QString name = QFileInfo(System::makeTempFilePath(QString(), QString())).fileName();
-  EXPECT_EQ(name.size(), 4 + 6) << utf8(name);
-  EXPECT_TRUE(name.startsWith(QStringLiteral("file"))) << utf8(name);
+  for (const QString& prefix : {QString(), QStringLiteral("")}) {  // null and empty alike
+    const QString name = QFileInfo(System::makeTempFilePath(QString(), prefix)).fileName();
+    EXPECT_EQ(name.size(), 4 + 6) << utf8(name);
+    EXPECT_TRUE(name.startsWith(QStringLiteral("file"))) << utf8(name);
+  }
 }
 
 TEST(MakeAbsDirPath, EmptyPathIsRefusedAndCreatesNothing) {
