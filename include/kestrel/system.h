@@ -219,7 +219,8 @@ class KESTREL_EXPORT System {
   // The user's cache folder ($XDG_CACHE_HOME, by default ~/.cache) plus
   // "/Orvane Kestrel"; created if missing.
   static QString getCacheDirectory();
-  // The user's documents folder; not created. Empty if there is none.
+  // The user's documents folder (XDG_DOCUMENTS_DIR of the XDG user-dirs file,
+  // by default ~/Documents); not created, so it may not exist.
   static QString getMyDocumentsDirectory();
   // The temporary folder ($TMPDIR, else /tmp).
   static QString getTempDirectory();
@@ -236,9 +237,10 @@ class KESTREL_EXPORT System {
   // A file where a folder should be makes the walk fail.
   static unsigned int makeAbsDirPath(const QString& path);
   // A path in the temporary folder that does not exist yet: the folder, "/",
-  // the first five characters of prefix and six random characters, then
-  // "." and extension unless extension is empty. Empty if no free name was
-  // found. Nothing is created, so another process may take the name.
+  // the first five characters of prefix ("file" when prefix is empty) and
+  // six random characters, then "." and extension unless extension is
+  // empty. Empty if no free name was found. Nothing is created, so another
+  // process may take the name.
   static QString makeTempFilePath(const QString& extension, const QString& prefix);
 
   // ------------------------------------------------------------------
@@ -390,7 +392,8 @@ class KESTREL_EXPORT GfxCardInfo {
   static GfxCardInfo* GetSingleton();
   virtual ~GfxCardInfo();
   // True and the memory of the first card that reports dedicated memory
-  // (DRM sysfs, else the NVIDIA management library); false if none.
+  // (DRM sysfs, else the NVIDIA management library), in megabytes rounded
+  // down, so a card with less than 1 MiB gives true and 0; false if none.
   virtual bool getGraphicsCardMemoryInMB(int& megabytes) = 0;
   // Set "unimplemented" and return false.
   virtual bool getDisplayDeviceID(QString& id) = 0;

@@ -100,7 +100,10 @@ unsigned int System::makeAbsDirPath(const QString& path) {
 
 QString System::makeTempFilePath(const QString& extension, const QString& prefix) {
   static const char kLetters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-  const QByteArray folder = QDir::tempPath().toUtf8() + '/' + prefix.left(5).toLatin1();
+  // As the system's temporary names: at most five characters of the prefix,
+  // and "file" when there is none.
+  const QByteArray stem = prefix.isEmpty() ? QByteArray("file") : prefix.left(5).toLatin1();
+  const QByteArray folder = QDir::tempPath().toUtf8() + '/' + stem;
   for (int attempt = 0; attempt < 100; ++attempt) {
     QByteArray candidate = folder;
     for (int i = 0; i < 6; ++i)

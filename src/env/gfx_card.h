@@ -26,7 +26,8 @@ class KESTREL_EXPORT GfxCardInfoLinux : public GfxCardInfo {
   static GfxCardInfoLinux* sSingleton;
 
  private:
-  int mMegabytes = 0;  // 0: no card found
+  bool mFound = false;  // a card reported a positive memory size
+  int mMegabytes = 0;   // its size shifted right by 20 (0 under 1 MiB)
 };
 
 }  // namespace kestrel::env_detail

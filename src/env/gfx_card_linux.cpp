@@ -90,6 +90,7 @@ GfxCardInfoLinux* GfxCardInfoLinux::sSingleton = nullptr;
 GfxCardInfoLinux::GfxCardInfoLinux(const QString& root, const char* nvmlLibrary) {
   long long bytes = drmVideoMemory(root);
   if (bytes == 0) bytes = nvmlVideoMemory(nvmlLibrary);
+  mFound = bytes > 0;
   mMegabytes = static_cast<int>(std::min<long long>(bytes >> 20, INT_MAX));
 }
 
@@ -98,7 +99,7 @@ GfxCardInfoLinux::~GfxCardInfoLinux() {
 }
 
 bool GfxCardInfoLinux::getGraphicsCardMemoryInMB(int& megabytes) {
-  if (mMegabytes <= 0) return false;
+  if (!mFound) return false;
   megabytes = mMegabytes;
   return true;
 }

@@ -43,11 +43,22 @@ int leadingNumber(const QByteArray& text) {
   return static_cast<int>(value);
 }
 
+// kilobytes (not negative) in bytes, saturated at LLONG_MAX.
+long long kilobytesToBytes(long long kilobytes) {
+  return kilobytes > LLONG_MAX / 1024 ? LLONG_MAX : kilobytes * 1024;
+}
+
 long long memInfoBytes(const char* key) {
   QByteArray meminfo;
   if (!readMachineFile("/proc/meminfo", meminfo)) return -1;
   const long long kilobytes = tableValue(meminfo, key);
-  return kilobytes < 0 ? -1 : kilobytes * 1024;
+  return kilobytes < 0 ? -1 : kilobytesToBytes(kilobytes);
+}
+
+// hertz as a floating-point value, through single precision; saturated at
+// the largest unsigned 64-bit count.
+double hertzThroughFloat(unsigned long long hertz) {
+  return static_cast<double>(static_cast<float>(hertz));
 }
 
 int clampToInt(long long value) {
@@ -159,11 +170,14 @@ double System::getProcessorClockSpeed() {
   if (readMachineFile("/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq", text)) {
     bool ok = false;
     const unsigned long long kilohertz = text.trimmed().toULongLong(&ok);
-    if (ok && kilohertz > 0) return static_cast<double>(static_cast<float>(kilohertz * 1000ULL));
+    if (ok && kilohertz > 0)
+      return hertzThroughFloat(kilohertz > ULLONG_MAX / 1000 ? ULLONG_MAX : kilohertz * 1000ULL);
   }
   if (readMachineFile("/proc/cpuinfo", text)) {
-    const auto hertz = static_cast<unsigned long long>(largestCpuMHzInHertz(text));
-    return static_cast<double>(static_cast<float>(hertz));
+    const double hertz = largestCpuMHzInHertz(text);
+    // 2^64 and beyond (infinity included) do not fit the integer count.
+    return hertzThroughFloat(
+        hertz >= 18446744073709551616.0 ? ULLONG_MAX : static_cast<unsigned long long>(hertz));
   }
   return 0.0;
 }
@@ -199,7 +213,9 @@ void System::getUsedMemoryMB(int& first, int& second) {
     const long long mlocked = tableValue(meminfo, "Mlocked");
     const long long unevictable = tableValue(meminfo, "Unevictable");
     if (mlocked >= 0 || unevictable >= 0)
-      first = saturatedMegabytes((std::max(mlocked, 0LL) + std::max(unevictable, 0LL)) * 1024);
+      first = saturatedMegabytes(kilobytesToBytes(
+          std::min(std::max(mlocked, 0LL), LLONG_MAX - std::max(unevictable, 0LL)) +
+          std::max(unevictable, 0LL)));
   }
   second = 0;
   QByteArray vmstat;

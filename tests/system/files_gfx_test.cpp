@@ -77,6 +77,17 @@ TEST(GfxCard, FirstDrmCardWithVideoMemoryInNumberOrder) {
   EXPECT_EQ(megabytes, 8192) << "card3 precedes card10; card2 reports no dedicated memory";
 }
 
+// A card qualifies by reporting any memory at all; its size in megabytes is
+// the byte count shifted right by 20, so under 1 MiB it answers true and 0.
+TEST(GfxCard, CardWithLessThanOneMegabyteStillAnswersTrue) {
+  FakeMachine machine;
+  machine.write("/sys/class/drm/card0/device/mem_info_vram_total", "524288\n");
+  GfxCardInfoLinux info(machine.root(), nullptr);
+  int megabytes = 42;
+  EXPECT_TRUE(info.getGraphicsCardMemoryInMB(megabytes));
+  EXPECT_EQ(megabytes, 0);
+}
+
 TEST(GfxCard, NoCardAndNoManagementLibraryAnswersFalse) {
   FakeMachine machine;
   machine.write("/sys/class/drm/card0/device/mem_info_vram_total", "garbage\n");

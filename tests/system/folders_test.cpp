@@ -88,6 +88,17 @@ TEST(TempFilePath, NamesAreFreshAndCarryPrefixAndExtension) {
   EXPECT_FALSE(bare.contains(QLatin1Char('.')));
 }
 
+// The system's temporary-name rule: an empty prefix stands for "file".
+TEST(TempFilePath, EmptyPrefixBecomesFile) {
+  QTemporaryDir tmp;
+  ScopedEnv tmpdir("TMPDIR", utf8(tmp.path()));
+  for (const QString& prefix : {QString(), QStringLiteral("")}) {  // null and empty alike
+    const QString name = QFileInfo(System::makeTempFilePath(QString(), prefix)).fileName();
+    EXPECT_EQ(name.size(), 4 + 6) << utf8(name);
+    EXPECT_TRUE(name.startsWith(QStringLiteral("file"))) << utf8(name);
+  }
+}
+
 TEST(MakeAbsDirPath, EmptyPathIsRefusedAndCreatesNothing) {
   EXPECT_EQ(System::makeAbsDirPath(QString()), kEmptyPath);
   EXPECT_EQ(System::makeAbsDirPath(QStringLiteral("")), kEmptyPath);

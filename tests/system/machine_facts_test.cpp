@@ -169,6 +169,29 @@ TEST(FakeMachineTree, HugeMemorySaturatesInsteadOfWrapping) {
   EXPECT_EQ(b, 2047);
 }
 
+// Figures beyond what the byte count can hold (the kilobytes of the table
+// times 1024, or megahertz times a million) saturate instead of overflowing.
+TEST(FakeMachineTree, AbsurdFiguresSaturateWithoutOverflow) {
+  FakeMachine machine;
+  machine.write("/proc/meminfo",
+                "MemTotal:     9223372036854775807 kB\n"
+                "MemAvailable: 9223372036854775807 kB\n"
+                "Mlocked:      9223372036854775807 kB\n"
+                "Unevictable:  9223372036854775807 kB\n");
+  machine.write("/proc/cpuinfo", "cpu MHz\t\t: 1e300\n");
+  int a = -1, b = -1;
+  System::getTotalMemoryMB(a, b);
+  EXPECT_EQ(a, INT_MAX);
+  EXPECT_EQ(b, INT_MAX);
+  System::getAvailableMemoryMB(a, b);
+  EXPECT_EQ(a, 2047);
+  System::getUsedMemoryMB(a, b);
+  EXPECT_EQ(a, 2047);
+  EXPECT_EQ(System::getProcessorClockSpeed(), static_cast<double>(static_cast<float>(ULLONG_MAX)));
+  machine.write("/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq", "18446744073709551615\n");
+  EXPECT_EQ(System::getProcessorClockSpeed(), static_cast<double>(static_cast<float>(ULLONG_MAX)));
+}
+
 TEST(FakeMachineTree, MissingFilesGiveZeroUnknownAndFalse) {
   FakeMachine machine;  // an empty tree
   int a = -1, b = -1;
