@@ -87,7 +87,8 @@ void MemoryPool::addAllocation(unsigned long n) {
 }
 
 void MemoryPool::subtractAllocation(unsigned long n) {
-  MemInfo::ChangePoolBytes(-static_cast<int>(n), MemInfo::kFree);
+  // The negation in unsigned arithmetic: the counters wrap, they never overflow.
+  MemInfo::ChangePoolBytes(static_cast<int>(0U - static_cast<unsigned>(n)), MemInfo::kFree);
   std::atomic_ref<unsigned long>(mAllocated).fetch_sub(n, std::memory_order_relaxed);
 }
 

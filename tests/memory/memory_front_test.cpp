@@ -335,7 +335,7 @@ TEST_F(CacheFixture, LruRejectsTheLastFourFramesAndKeepsTheOldest) {
 #if defined(__SANITIZE_ADDRESS__)
 // Absurd sizes reach the system malloc, which must answer null rather than
 // stop the process.
-extern "C" const char* __asan_default_options() {
+extern "C" __attribute__((visibility("default"), used)) const char* __asan_default_options() {
   return "allocator_may_return_null=1";
 }
 #endif
