@@ -39,6 +39,7 @@
 #pragma once
 
 #include <kestrel/export.h>
+#include <kestrel/memory.h>
 
 namespace kestrel {
 
@@ -52,9 +53,9 @@ KESTREL_EXPORT unsigned int HashCalcNextPrime(unsigned int n);
 class KESTREL_EXPORT HashTableBase {
  public:
   // One link of a chain. allocNode() creates it with a plain new-expression
-  // and the table releases it with a plain delete-expression, so an
-  // operator new/delete pair that Node gets from a base class serves both.
-  struct Node {
+  // and the table releases it with a plain delete-expression; both go
+  // through the memory front, as MemoryObject's operators do.
+  struct Node : public MemoryObject {
     Node* next = nullptr;
     void* elem = nullptr;
   };

@@ -8,10 +8,28 @@
 //     mspace takes all of its memory through system-memory functions that its
 //     owner may replace, together with a context pointer, so that the owner
 //     sees every mapping made on its behalf.
-//   * memory pools, heap managers and heap buffers, built on one mspace each
-//     (to be added here);
-//   * the allocator interface behind `new`/`delete` and the allocation
-//     accounting counters (to be added here).
+//   * memory pools (MemoryPool), heap managers (HeapManager) and heap
+//     buffers (HeapBuffer), built on one mspace each. A pool maps its memory
+//     in 4 MiB-aligned regions and records every region, so that any pointer
+//     can be recognised as pool memory in constant time (isPointerFromPool);
+//   * the allocator interface behind `new`/`delete` (MemoryManager, doNew,
+//     doDelete, the global operators, MemoryObject) and the allocation
+//     accounting counters (MemInfo) mirrored into the settings group
+//     "Memory", plus CacheObserver for caches that hold memory outside pools.
+//
+// Which to use when:
+//   * plain `new`/`delete`, Malloc/Free: the system heap. Any block of this
+//     library, pool block or not, may be released with `delete` or Free.
+//   * `new (manager) T`, doNew(size, manager): a block from a HeapManager;
+//     classes derive from MemoryObject to get these forms.
+//   * HeapBuffer: a fixed-capacity byte buffer that never grows.
+//
+//   kestrel::HeapManager manager(nullptr);      // the shared "default" pool
+//   void* block = kestrel::doNew(100, &manager);
+//   kestrel::Free(block);                       // back to `manager`
+//
+// Allocation never throws: every entry point returns null when the request
+// cannot be met, including sizes so large that the header would wrap.
 //
 // The mspace functions are plain C-linkage symbols (unmangled) so that they
 // can be called from any language; in C++ they are also reachable as
@@ -31,7 +49,12 @@
 
 #include <cstddef>
 
+#include <QList>
+#include <QString>
+
 #include "kestrel/export.h"
+#include "kestrel/settings.h"
+#include "kestrel/threads.h"
 
 namespace kestrel {
 
@@ -218,4 +241,306 @@ KESTREL_EXPORT void* default_sbrk_func(int increment, void* context);
 
 }  // extern "C"
 
+// ---------------------------------------------------------------------------
+// Memory front
+// ---------------------------------------------------------------------------
+
+// The allocator interface. A null MemoryManager* always means the system
+// heap. Implementations hand out blocks preceded by the manager header.
+class KESTREL_EXPORT MemoryManager {
+ public:
+  MemoryManager() = default;
+  MemoryManager(const MemoryManager&) = delete;
+  MemoryManager& operator=(const MemoryManager&) = delete;
+  // Does nothing.
+  virtual ~MemoryManager();
+  // Returns a block of `size` bytes, or null when it cannot be served.
+  virtual void* alloc(unsigned long size) = 0;
+  // Releases a block that this manager's alloc returned (the user pointer).
+  virtual void free(void* p) = 0;
+};
+
+// The manager block header: two pointer-sized words in front of the user
+// pointer, the owning MemoryManager* (two words before) and the requested
+// size in bytes (one word before). 16 bytes on a 64-bit target.
+inline constexpr unsigned long kManagerHeaderSize = 2 * sizeof(void*);
+
+// mgr null: system malloc(size); else mgr->alloc(size). Null on failure;
+// never throws. Size 0 on the system heap is a distinct freeable block.
+KESTREL_EXPORT void* doNew(unsigned long size, MemoryManager* mgr);
+// Same as doNew.
+KESTREL_EXPORT void* Malloc(unsigned long size, MemoryManager* mgr);
+// Releases a block of any allocator of this library to its true owner: a
+// block inside pool memory goes to the manager named in its header, anything
+// else to the system free. `mgr` is ignored. Null does nothing. Thread-safe
+// as far as the owner is (pools lock; the system heap is thread-safe).
+KESTREL_EXPORT void doDelete(void* p, MemoryManager* mgr);
+// doDelete(p, nullptr).
+KESTREL_EXPORT void Free(void* p);
+// p null: doNew(size, nullptr); otherwise the system realloc, also for a
+// manager block (callers pass only system-heap blocks; kept deliberately).
+KESTREL_EXPORT void* Realloc(void* p, unsigned long size);
+// doNew(size, mgr), then the `size` bytes are zeroed. One size argument, not
+// count and size. Null (nothing written) when doNew fails.
+KESTREL_EXPORT void* Calloc(unsigned long size, MemoryManager* mgr);
+
+// A base class with no data that gives a class the manager-taking `new` and
+// `delete`: `new (manager) T(...)`. Each operator forwards to the global
+// operator of the same signature (the array forms included), so `delete` of
+// such an object always reaches the block's true owner.
+class KESTREL_EXPORT MemoryObject {
+ public:
+  static void* operator new(unsigned long size);
+  static void* operator new[](unsigned long size);
+  static void* operator new(unsigned long size, MemoryManager* mgr);
+  static void* operator new[](unsigned long size, MemoryManager* mgr);
+  static void operator delete(void* p);
+  static void operator delete[](void* p);
+  static void operator delete(void* p, MemoryManager* mgr);
+  static void operator delete[](void* p, MemoryManager* mgr);
+};
+
+// Process-wide allocation counters (unsigned 32-bit, starting at 0). They
+// change without a lock (each update is one atomic step) and wrap around.
+class KESTREL_EXPORT MemInfo {
+ public:
+  // kAlloc counts one allocation up, kFree one down; any other value is
+  // accepted and changes bytes only.
+  enum Operation { kAlloc = 0, kFree = 1 };
+
+  // Heap bytes += delta (wrap-around); allocations per `op`. Returns the new
+  // heap byte total.
+  static unsigned ChangeHeapBytes(int delta, Operation op);
+  // The same on the pool counters (called by MemoryPool's accounting).
+  static unsigned ChangePoolBytes(int delta, Operation op);
+  // Copies the counters and the two arguments into the "Memory" settings,
+  // in the order alchemyBytes, unpooledBytes, poolBytes, poolAllocs,
+  // heapBytes, heapAllocs (through IntSetting::set: observers hear only of
+  // changed values). Does nothing before the group exists. Main thread.
+  static void UpdateMemSettings(unsigned long alchemyBytes, unsigned long unpooledBytes);
+
+  // Current counter values.
+  static unsigned getHeapBytes();
+  static unsigned getHeapAllocs();
+  static unsigned getPoolBytes();
+  static unsigned getPoolAllocs();
+};
+
+class CacheObserver;
+
+// Interface of the application's global cache (implemented outside this
+// library).
+class KESTREL_EXPORT GlobalCache {
+ public:
+  virtual ~GlobalCache();
+  virtual void changeReclaimableBytes(int delta) = 0;
+  // Head of the list into which new reclaimable observers are linked; null
+  // when there is none.
+  virtual CacheObserver** getObserverList() = 0;
+};
+
+// A cache that holds memory outside the pools reports it through this
+// observer; reclaimable observers are linked into the global cache's list.
+// Unsynchronised: callers coordinate.
+class KESTREL_EXPORT CacheObserver : public Observer {
+ public:
+  // The query record of one LRU search (see getLru).
+  struct Event {
+    int oldestFrame = 0x7fffffff;        // last-use frame of the best candidate so far
+    CacheObserver* candidate = nullptr;  // best candidate so far
+    int ignoreAge = 0;                   // non-zero: skip the age tests
+  };
+
+  // Unpooled bytes 0, reclaimable; linked at the front of the global cache's
+  // list when sGlobalCache is set and its list is not null. Reports nothing.
+  CacheObserver();
+  // Unlinks from its list.
+  ~CacheObserver() override;
+
+  // One step of an LRU search: an observer whose lastUseFrame() f is
+  // non-negative becomes the event's candidate (and f its oldest frame)
+  // unless, without ignoreAge, f >= System::sCurFrame - 4 or f >= the
+  // event's oldest frame. With ignoreAge every candidate replaces the
+  // previous one (the last visited wins).
+  virtual void getLru(Event& event);
+  // Role left to the cache.
+  virtual void reclaim() = 0;
+  // Frame of the last use of the cached data; negative: no candidate.
+  virtual int lastUseFrame() = 0;
+  // Role left to the cache.
+  virtual void purge() = 0;
+
+  // Unpooled bytes += delta; reported to sGlobalCache while reclaimable.
+  void changeUnpooledBytes(int delta);
+  // No-op when unchanged. false: reports -unpooled bytes (sGlobalCache set)
+  // and unlinks. true with sGlobalCache set: relinks at the front of its
+  // list (when not null) and reports +unpooled bytes.
+  void setIsReclaimable(bool reclaimable);
+
+  int getUnpooledBytes() const { return mUnpooledBytes; }
+  bool isReclaimable() const { return mReclaimable; }
+  // The list this observer is linked into (null when none) and its neighbour.
+  CacheObserver** cacheList() const { return mCacheList; }
+  CacheObserver* nextInCache() const { return mCacheNext; }
+
+  // The application's global cache; may be null.
+  static GlobalCache* sGlobalCache;
+
+ private:
+  void unlinkFromCache();
+  void linkInto(CacheObserver** list);
+
+  CacheObserver** mCacheList = nullptr;
+  CacheObserver* mCacheNext = nullptr;
+  CacheObserver* mCachePrev = nullptr;
+  int mUnpooledBytes = 0;
+  bool mReclaimable = true;
+};
+
+// ---------------------------------------------------------------------------
+// Memory pools
+// ---------------------------------------------------------------------------
+
+// One mapped region of a pool.
+struct MMapRange {
+  char* start;
+  unsigned long size;
+};
+
+// A named region allocator on one mspace whose memory comes only from
+// anonymous mappings, each starting on a 4 MiB boundary and recorded in the
+// pool's list and the process-wide list. Reference-counted by the
+// HeapManagers that use it. malloc/free lock the pool; the accounting does
+// not.
+class KESTREL_EXPORT MemoryPool : public MemoryObject {
+ public:
+  // Maps `size` bytes (recorded like any later mapping), builds the mspace
+  // on them, and sets the process-wide mspace granularity to 4 MiB and the
+  // trim threshold to its largest value. Reference count 1.
+  MemoryPool(const char* name, unsigned long size);
+  MemoryPool(const MemoryPool&) = delete;
+  MemoryPool& operator=(const MemoryPool&) = delete;
+  // Trims and destroys the mspace, then removes every recorded range of this
+  // pool from the process-wide list and unmaps it.
+  virtual ~MemoryPool();
+
+  // Under the pool lock: mspace_malloc / mspace_free. These blocks carry no
+  // manager header: never pass them to doDelete or `delete`.
+  void* malloc(unsigned long size);
+  void free(void* p);
+
+  // MemInfo::ChangePoolBytes(+n, kAlloc) then allocated bytes += n (and the
+  // mirror for subtract). No lock.
+  void addAllocation(unsigned long n);
+  void subtractAllocation(unsigned long n);
+  unsigned long getAllocatedMemory() const;
+
+  const QString& getName() const { return mName; }
+  int getRefCount() const { return static_cast<int>(mRefCount); }
+  // mspace statistics of this pool (taken under the pool lock).
+  mspace_mallinfo_record getStats();
+  // The ranges recorded for this pool, in list order.
+  QList<MMapRange> getRanges() const;
+
+  // True exactly when p lies inside a range recorded by some pool (start
+  // itself in, start + size out). Lock-free and constant time; safe from any
+  // thread at any time, before any pool exists too.
+  static bool isPointerFromPool(const void* p);
+  // Every range of the process-wide list, in list order.
+  static QList<MMapRange> getAllRanges();
+
+  // mspace callbacks; `pool` is the MemoryPool. They map `size` bytes on a
+  // 4 MiB boundary and record the range (a failed mapping returns all bits
+  // set and is not recorded).
+  static void* directMmapCB(unsigned long size, void* pool);
+  static void* mmapCB(unsigned long size, void* pool);
+  // Unmaps, then removes from both lists the first range starting at
+  // `start` (size not compared; last entry moved into its place). Returns
+  // the system result. Not installed into the mspace.
+  static int munmapCB(char* start, unsigned long size, void* pool);
+  // Always fails: returns all bits set.
+  static void* sbreakCB(int increment, void* pool);
+
+ private:
+  friend class HeapManager;
+  static void* recordMapping(void* (*map)(unsigned long, void*), unsigned long size, void* pool);
+
+  QString mName;
+  long mRefCount = 1;
+  unsigned long mAllocated = 0;
+  mspace mSpace = nullptr;
+  SpinLock mLock;
+  QList<MMapRange> mRanges;
+};
+
+// The MemoryManager over a MemoryPool. Each block has the manager header;
+// a request of n counts n in the manager, the pool and MemInfo.
+class KESTREL_EXPORT HeapManager : public MemoryManager {
+ public:
+  // A null pool means the default pool ("default", 4 MiB, created on first
+  // need and never destroyed). Takes one reference on the pool.
+  explicit HeapManager(MemoryPool* pool);
+  // Drops the reference; the last one deletes the pool. Outstanding blocks
+  // are ignored.
+  ~HeapManager() override;
+
+  // Header + `size` bytes from the pool; null (nothing counted) when the
+  // pool cannot serve it or the size would wrap. 16-byte aligned.
+  void* alloc(unsigned long size) override;
+  // Releases a block of this manager (the user pointer).
+  void free(void* p) override;
+  // alloc(size); the alignment is ignored.
+  void* allocAligned(unsigned long size, unsigned long alignment);
+  // Does nothing.
+  void clear();
+  // Bytes currently handed out by this manager (headers not counted).
+  unsigned long getAllocatedSize() const;
+  MemoryPool* getPool() const { return mPool; }
+
+  // The default pool; null until the first HeapManager without a pool.
+  static MemoryPool* sDefaultPool;
+
+ private:
+  unsigned long mAllocated = 0;
+  MemoryPool* mPool;
+};
+
+// A fixed-capacity byte buffer, allocated whole at construction through a
+// manager (or the system heap when the manager is null). Never grows.
+class KESTREL_EXPORT HeapBuffer {
+ public:
+  // `extra` is stored and not used by this library.
+  HeapBuffer(HeapManager* mgr, unsigned long capacity, unsigned long extra);
+  HeapBuffer(const HeapBuffer&) = delete;
+  HeapBuffer& operator=(const HeapBuffer&) = delete;
+  virtual ~HeapBuffer();
+
+  // Null data or length 0: true, nothing changes. More than the remaining
+  // capacity (or no storage): false, nothing written. Else appends.
+  bool appendData(const void* data, unsigned long length);
+
+  const char* data() const { return mData; }
+  unsigned long used() const { return mUsed; }
+  unsigned long capacity() const { return mCapacity; }
+  unsigned long extra() const { return mExtra; }
+  int count() const { return mCount; }
+
+ private:
+  int mCount = 1;
+  char* mData = nullptr;
+  unsigned long mUsed = 0;
+  unsigned long mCapacity;
+  unsigned long mExtra;
+  HeapManager* mManager;
+};
+
 }  // namespace kestrel
+
+// The manager forms of the global operators: size 0 becomes 1, then
+// doNew(size, mgr); the deletes are doDelete. The plain, array, sized and
+// nothrow forms are replaced process-wide by libbase with the same routing
+// (a failing `new` returns null instead of throwing).
+KESTREL_EXPORT void* operator new(unsigned long size, kestrel::MemoryManager* mgr);
+KESTREL_EXPORT void* operator new[](unsigned long size, kestrel::MemoryManager* mgr);
+KESTREL_EXPORT void operator delete(void* p, kestrel::MemoryManager* mgr) noexcept;
+KESTREL_EXPORT void operator delete[](void* p, kestrel::MemoryManager* mgr) noexcept;
