@@ -13,18 +13,17 @@
 // Run from a Release build, for instance
 //   locks_bench --benchmark_repetitions=10 --benchmark_report_aggregates_only=true
 // With repetitions the summary uses the median of each benchmark.
+#include "ratio_reporter.h"
+
 #include <kestrel/threads.h>
 
 #include <benchmark/benchmark.h>
 
 #include <pthread.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <map>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -125,48 +124,10 @@ void registerAll() {
       ->UseRealTime();
 }
 
-// Console output as usual, and the time per iteration of every run kept for
-// the summary: the median aggregate when there is one, otherwise the median
-// of the repetitions seen.
-class SummaryReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.error_occurred) continue;
-      const std::string key = run.run_name.function_name;
-      if (run.run_type == Run::RT_Aggregate) {
-        if (run.aggregate_name == "median") m_median[key] = nanoseconds(run);
-      } else {
-        m_samples[key].push_back(nanoseconds(run));
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  // CPU nanoseconds per iteration, or a negative value if the benchmark did
-  // not run (filtered out).
-  double time(const std::string& key) const {
-    if (auto it = m_median.find(key); it != m_median.end()) return it->second;
-    auto it = m_samples.find(key);
-    if (it == m_samples.end() || it->second.empty()) return -1;
-    std::vector<double> v = it->second;
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-  }
-
- private:
-  static double nanoseconds(const Run& run) {
-    return run.GetAdjustedCPUTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
-  }
-
-  std::map<std::string, double> m_median;
-  std::map<std::string, std::vector<double>> m_samples;
-};
-
-void printRatio(const SummaryReporter& r, const char* group, const char* peer, const char* target,
-                double limit) {
-  const double mine = r.time(std::string(group) + "/" + kSpinLock);
-  const double theirs = r.time(std::string(group) + "/" + peer);
+void printRatio(const kestrel::bench::RatioReporter& r, const char* group, const char* peer,
+                const char* target, double limit) {
+  const double mine = r.cpuTime(std::string(group) + "/" + kSpinLock);
+  const double theirs = r.cpuTime(std::string(group) + "/" + peer);
   if (mine <= 0 || theirs <= 0) return;
   const double ratio = mine / theirs;
   std::printf("  %-12s %-28s %8.2f ns vs %8.2f ns CPU  ratio %5.2fx", group, peer, mine, theirs,
@@ -181,7 +142,7 @@ int main(int argc, char** argv) {
   registerAll();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  SummaryReporter reporter;
+  kestrel::bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 

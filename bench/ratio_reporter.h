@@ -1,5 +1,7 @@
-// A console reporter that also keeps the CPU time of every benchmark, so a
-// program can print "ours / peer" ratios after the table.
+// The console reporter every benchmark program of libbase uses: it prints the
+// usual table and keeps the CPU time per iteration of each benchmark, so the
+// program can print "ours / peer" ratios after the table, judged by CPU time
+// (the machines are shared; wall time says little).
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -17,20 +19,22 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
       if (run.error_occurred) continue;
-      const std::string name = run.run_name.str();
+      const std::string name =
+          run.run_name.function_name + (run.run_name.args.empty() ? "" : "/" + run.run_name.args);
+      const double ns =
+          run.GetAdjustedCPUTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
       if (run.run_type == Run::RT_Aggregate) {
-        if (run.aggregate_name == "median")
-          median_[run.run_name.function_name +
-                  (run.run_name.args.empty() ? "" : "/" + run.run_name.args)] = nanoseconds(run);
+        if (run.aggregate_name == "median") median_[name] = ns;
       } else {
-        samples_[name].push_back(nanoseconds(run));
+        samples_[name].push_back(ns);
       }
     }
     ConsoleReporter::ReportRuns(runs);
   }
 
-  // CPU nanoseconds per iteration of the named benchmark (the median over
-  // repetitions), or a negative value if it did not run.
+  // CPU nanoseconds per iteration of the named benchmark ("name" or
+  // "name/arg"): the median aggregate when repetitions were asked for, else
+  // the median of the runs seen; negative if it did not run (filtered out).
   double cpuTime(const std::string& name) const {
     if (auto it = median_.find(name); it != median_.end()) return it->second;
     auto it = samples_.find(name);
@@ -40,24 +44,21 @@ class RatioReporter : public benchmark::ConsoleReporter {
     return sorted[sorted.size() / 2];
   }
 
-  // Prints ours / peer by CPU time, and whether it is within `limit` when
-  // one is given (limit <= 0: no target). Silent if either did not run.
+  // Prints ours / peer by CPU time and, when limit > 0, whether the ratio is
+  // at most the limit. Silent if either did not run.
   void printRatio(const std::string& ours, const std::string& peer, double limit) const {
     const double mine = cpuTime(ours);
     const double theirs = cpuTime(peer);
     if (mine <= 0 || theirs <= 0) return;
     const double ratio = mine / theirs;
-    std::printf("  %-40s / %-40s CPU time ratio %5.2fx", ours.c_str(), peer.c_str(), ratio);
+    std::printf("  %-36s %10.2f ns / %-36s %10.2f ns = %5.2fx", ours.c_str(), mine, peer.c_str(),
+                theirs, ratio);
     if (limit > 0)
       std::printf("  (target <= %.2fx: %s)", limit, ratio <= limit ? "met" : "NOT met");
     std::printf("\n");
   }
 
  private:
-  static double nanoseconds(const Run& run) {
-    return run.GetAdjustedCPUTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
-  }
-
   std::map<std::string, double> median_;
   std::map<std::string, std::vector<double>> samples_;
 };
