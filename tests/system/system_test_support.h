@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include "scoped_env.h"
+
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -38,30 +40,6 @@ class FakeMachine {
 
  private:
   QTemporaryDir mDir;
-};
-
-// Sets (or with nullopt unsets) an environment variable for its lifetime.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, std::optional<std::string> value) : mName(name) {
-    if (const char* old = std::getenv(name)) mOld = old;
-    if (value)
-      ::setenv(name, value->c_str(), 1);
-    else
-      ::unsetenv(name);
-  }
-  ~ScopedEnv() {
-    if (mOld)
-      ::setenv(mName, mOld->c_str(), 1);
-    else
-      ::unsetenv(mName);
-  }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  const char* mName;
-  std::optional<std::string> mOld;
 };
 
 }  // namespace kestrel::test
