@@ -17,6 +17,9 @@ struct UrlRow {
   const char* argument;  // "" when refused
 };
 
+// Rows print as their URL.
+void PrintTo(const UrlRow& row, std::ostream* out) { *out << '"' << row.url << '"'; }
+
 class BrowserArgument : public testing::TestWithParam<UrlRow> {};
 
 TEST_P(BrowserArgument, RefusesOrEncodes) {

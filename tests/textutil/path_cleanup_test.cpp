@@ -11,6 +11,9 @@ struct PathRow {
   const char* expected;
 };
 
+// Rows print as their input text.
+void PrintTo(const PathRow& row, std::ostream* out) { *out << '"' << row.input << '"'; }
+
 class CleanupPathname : public testing::TestWithParam<PathRow> {};
 
 TEST_P(CleanupPathname, GivesExpectedText) {

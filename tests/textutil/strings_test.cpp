@@ -25,6 +25,9 @@ struct TextRow {
   const char* expected;
 };
 
+// Rows print as their input text.
+void PrintTo(const TextRow& row, std::ostream* out) { *out << '"' << row.input << '"'; }
+
 std::string rowName(const testing::TestParamInfo<TextRow>& row) {
   return row.param.name;
 }
