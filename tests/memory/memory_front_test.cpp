@@ -339,3 +339,10 @@ extern "C" __attribute__((visibility("default"), used)) const char* __asan_defau
   return "allocator_may_return_null=1";
 }
 #endif
+
+#if defined(__SANITIZE_THREAD__)
+// The same under the race detector, whose malloc replaces the system's.
+extern "C" __attribute__((visibility("default"), used)) const char* __tsan_default_options() {
+  return "allocator_may_return_null=1";
+}
+#endif
