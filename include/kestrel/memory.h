@@ -464,10 +464,17 @@ class KESTREL_EXPORT MemoryPool : public MemoryObject {
  private:
   friend class HeapManager;
   static void* recordMapping(void* (*map)(unsigned long, void*), unsigned long size, void* pool);
+  // The HeapManager path: `bytes` from the mspace and the request `n`
+  // counted in the manager's counter, the pool and MemInfo, the first two
+  // under the pool lock with plain arithmetic (null, nothing counted, when
+  // the mspace cannot serve it); and the mirror for a release.
+  void* lockedAlloc(unsigned long bytes, unsigned long n, unsigned long& managerCount);
+  void lockedFree(void* block, unsigned long n, unsigned long& managerCount);
 
   QString mName;
   long mRefCount = 1;
-  unsigned long mAllocated = 0;
+  unsigned long mAllocated = 0;        // addAllocation/subtractAllocation
+  unsigned long mLockedAllocated = 0;  // the HeapManager path, under mLock
   mspace mSpace = nullptr;
   SpinLock mLock;
   QList<MMapRange> mRanges;

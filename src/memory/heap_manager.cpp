@@ -34,22 +34,17 @@ HeapManager::~HeapManager() {
 
 void* HeapManager::alloc(unsigned long size) {
   if (size > ~0UL - kManagerHeaderSize) return nullptr;
-  void* block = mPool->malloc(size + kManagerHeaderSize);
+  void* block = mPool->lockedAlloc(size + kManagerHeaderSize, size, mAllocated);
   if (block == nullptr) return nullptr;
   auto* header = static_cast<BlockHeader*>(block);
   header->owner = this;
   header->size = size;
-  std::atomic_ref<unsigned long>(mAllocated).fetch_add(size, std::memory_order_relaxed);
-  mPool->addAllocation(size);
   return header + 1;
 }
 
 void HeapManager::free(void* p) {
   BlockHeader* header = headerOf(p);
-  const unsigned long size = header->size;
-  std::atomic_ref<unsigned long>(mAllocated).fetch_sub(size, std::memory_order_relaxed);
-  mPool->subtractAllocation(size);
-  mPool->free(header);
+  mPool->lockedFree(header, header->size, mAllocated);
 }
 
 void* HeapManager::allocAligned(unsigned long size, unsigned long /*alignment*/) {

@@ -1,5 +1,6 @@
 // MemoryPool: an mspace on 4 MiB-aligned anonymous mappings, each recorded in
 // the pool's own list and the process-wide list.
+#include <atomic>
 #include <new>
 #include <vector>
 
@@ -81,6 +82,41 @@ void MemoryPool::free(void* p) {
   mspace_free(mSpace, p);
 }
 
+namespace {
+
+// A counter written only under the pool lock: a plain sum, stored so that a
+// reader without the lock sees a whole value.
+void addLocked(unsigned long& counter, unsigned long n) {
+  std::atomic_ref<unsigned long> cell(counter);
+  cell.store(cell.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+void* MemoryPool::lockedAlloc(unsigned long bytes, unsigned long n, unsigned long& managerCount) {
+  if (mSpace == nullptr) return nullptr;
+  void* block;
+  {
+    CSMutex hold(mLock);
+    block = mspace_malloc(mSpace, bytes);
+    if (block == nullptr) return nullptr;
+    addLocked(managerCount, n);
+    addLocked(mLockedAllocated, n);
+  }
+  MemInfo::ChangePoolBytes(static_cast<int>(n), MemInfo::kAlloc);
+  return block;
+}
+
+void MemoryPool::lockedFree(void* block, unsigned long n, unsigned long& managerCount) {
+  if (mSpace == nullptr) return;
+  const unsigned long negated = 0UL - n;  // the counters wrap, they never overflow
+  MemInfo::ChangePoolBytes(static_cast<int>(static_cast<unsigned>(negated)), MemInfo::kFree);
+  CSMutex hold(mLock);
+  addLocked(managerCount, negated);
+  addLocked(mLockedAllocated, negated);
+  mspace_free(mSpace, block);
+}
+
 void MemoryPool::addAllocation(unsigned long n) {
   MemInfo::ChangePoolBytes(static_cast<int>(n), MemInfo::kAlloc);
   std::atomic_ref<unsigned long>(mAllocated).fetch_add(n, std::memory_order_relaxed);
@@ -94,7 +130,9 @@ void MemoryPool::subtractAllocation(unsigned long n) {
 
 unsigned long MemoryPool::getAllocatedMemory() const {
   return std::atomic_ref<unsigned long>(const_cast<unsigned long&>(mAllocated))
-      .load(std::memory_order_relaxed);
+             .load(std::memory_order_relaxed) +
+         std::atomic_ref<unsigned long>(const_cast<unsigned long&>(mLockedAllocated))
+             .load(std::memory_order_relaxed);
 }
 
 mspace_mallinfo_record MemoryPool::getStats() {

@@ -2,6 +2,8 @@
 // exact accounting, absurd sizes, MemInfo, the "Memory" settings and
 // CacheObserver.
 #include <gtest/gtest.h>
+#include <memory>
+#include <vector>
 
 #include <cstring>
 #include <new>
@@ -245,6 +247,38 @@ TEST(MemInfo, MemoryGroupHasEightSettingsInOrderAndMirrorsTheCounters) {
   MemInfo::ChangeHeapBytes(-5, MemInfo::kFree);
 }
 
+// Observers reading the counters' settings may rely on the order in which
+// UpdateMemSettings writes them: the two arguments first, then the pool and
+// the heap counters.
+struct OrderObserver : kestrel::SettingObserver {
+  OrderObserver(kestrel::Setting* setting, QStringList* seen)
+      : SettingObserver(setting), name(setting->getName()), seen(seen) {}
+  QString name;
+  QStringList* seen;
+  void onChanged(const kestrel::SettingEvent&) override { seen->append(name); }
+  void onPreDelete(const kestrel::SettingEvent&) override {}
+};
+
+TEST(MemInfo, UpdateMemSettingsWritesArgumentsThenPoolThenHeapCounters) {
+  kestrel::SettingGroup* group = kestrel::SettingGroup::getGroup(QStringLiteral("Memory"));
+  ASSERT_NE(group, nullptr);
+  MemInfo::UpdateMemSettings(1, 2);
+  OwnPool own;
+  void* block = kestrel::doNew(24, own.manager);  // changes the pool counters
+  MemInfo::ChangeHeapBytes(7, MemInfo::kAlloc);   // and the heap counters
+  QStringList seen;
+  std::vector<std::unique_ptr<OrderObserver>> observers;
+  for (const char* name :
+       {"heapBytes", "poolBytes", "heapAllocs", "poolAllocs", "alchemyBytes", "unpooledBytes"})
+    observers.push_back(
+        std::make_unique<OrderObserver>(group->getSetting(QLatin1String(name)), &seen));
+  MemInfo::UpdateMemSettings(3, 4);
+  EXPECT_EQ(seen, QStringList({"alchemyBytes", "unpooledBytes", "poolBytes", "poolAllocs",
+                               "heapBytes", "heapAllocs"}));
+  kestrel::Free(block);
+  MemInfo::ChangeHeapBytes(-7, MemInfo::kFree);
+}
+
 // A global cache that records what it is told.
 struct FakeCache : kestrel::GlobalCache {
   kestrel::CacheObserver* head = nullptr;
@@ -336,6 +370,13 @@ TEST_F(CacheFixture, LruRejectsTheLastFourFramesAndKeepsTheOldest) {
 // Absurd sizes reach the system malloc, which must answer null rather than
 // stop the process.
 extern "C" __attribute__((visibility("default"), used)) const char* __asan_default_options() {
+  return "allocator_may_return_null=1";
+}
+#endif
+
+#if defined(__SANITIZE_THREAD__)
+// The same under the race detector, whose malloc replaces the system's.
+extern "C" __attribute__((visibility("default"), used)) const char* __tsan_default_options() {
   return "allocator_may_return_null=1";
 }
 #endif
