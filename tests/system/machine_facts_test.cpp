@@ -167,6 +167,9 @@ TEST(FakeMachineTree, AbsurdFiguresSaturateWithoutOverflow) {
   System::getUsedMemoryMB(a, b);
   EXPECT_EQ(a, 2047);
   EXPECT_EQ(b, 2047);
+  machine.write("/proc/meminfo", "Mlocked: 67108864 kB\n");  // alone, 64 GiB
+  System::getUsedMemoryMB(a, b);
+  EXPECT_EQ(a, 2047);
   EXPECT_EQ(System::getProcessorClockSpeed(), static_cast<double>(static_cast<float>(ULLONG_MAX)));
   machine.write("/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq", "18446744073709551615\n");
   EXPECT_EQ(System::getProcessorClockSpeed(), static_cast<double>(static_cast<float>(ULLONG_MAX)));
