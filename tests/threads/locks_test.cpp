@@ -311,10 +311,10 @@ TEST(Barrier, AWakeUpBelongsToTheCycleItWasPostedFor) {
   std::thread a, b;
   // Left early by a failed assertion: A thawed and B started if it was not,
   // the two make up both cycles between them, and both are joined.
-  JoinOnExit joinBoth({&a, &b}, [&] {
-    sThaw = true;
-    if (!b.joinable()) b = std::thread(twoCycles, &bCycles);
-  });
+  JoinOnExit joinBoth{{&a, &b}, [&] {
+                        sThaw = true;
+                        if (!b.joinable()) b = std::thread(twoCycles, &bCycles);
+                      }};
   a = std::thread(twoCycles, &aCycles);
   std::this_thread::sleep_for(std::chrono::milliseconds(50));  // A waits in cycle 1
   pthread_kill(a.native_handle(), SIGUSR1);

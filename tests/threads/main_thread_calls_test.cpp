@@ -213,7 +213,7 @@ TEST_F(MainThreadCalls, MethodsDestroyedOnWorkersWhilePostedNeverRunHalfDestroye
       workersDone.fetch_add(1);
     });
   }
-  kestrel_test::JoinOnExit joinAll({&workers[0], &workers[1], &workers[2]});
+  kestrel_test::JoinOnExit joinAll{{&workers[0], &workers[1], &workers[2]}};
   ASSERT_TRUE(processEventsUntil([&] { return workersDone.load() == 3; }, 30000));
   processEventsFor(20);
   EXPECT_EQ(torn.load(), 0);
@@ -239,7 +239,7 @@ TEST_F(MainThreadCalls, DetachWaitsForTheRunningCallAndDropsPendingOnes) {
     method.detach();
     detached = true;
   });
-  kestrel_test::JoinOnExit joinWorker({&worker});
+  kestrel_test::JoinOnExit joinWorker{{&worker}};
   ASSERT_TRUE(processEventsUntil([&] { return detached.load(); }));
   processEventsFor(20);
   EXPECT_FALSE(detachedDuringRun.load());
