@@ -75,17 +75,12 @@ TEST(GfxCard, FirstDrmCardWithVideoMemoryInNumberOrder) {
   int megabytes = 0;
   EXPECT_TRUE(info.getGraphicsCardMemoryInMB(megabytes));
   EXPECT_EQ(megabytes, 8192) << "card3 precedes card10; card2 reports no dedicated memory";
-}
-
-// A card qualifies by reporting any memory at all; its size in megabytes is
-// the byte count shifted right by 20, so under 1 MiB it answers true and 0.
-TEST(GfxCard, CardWithLessThanOneMegabyteStillAnswersTrue) {
-  FakeMachine machine;
-  machine.write("/sys/class/drm/card0/device/mem_info_vram_total", "524288\n");
-  GfxCardInfoLinux info(machine.root(), nullptr);
-  int megabytes = 42;
-  EXPECT_TRUE(info.getGraphicsCardMemoryInMB(megabytes));
-  EXPECT_EQ(megabytes, 0);
+  // A card qualifies by reporting any memory at all; its size in megabytes is
+  // the byte count shifted right by 20, so under 1 MiB it answers true and 0.
+  machine.write("/sys/class/drm/card1/device/mem_info_vram_total", "524288\n");
+  megabytes = 42;
+  EXPECT_TRUE(GfxCardInfoLinux(machine.root(), nullptr).getGraphicsCardMemoryInMB(megabytes));
+  EXPECT_EQ(megabytes, 0) << "card1 now comes first";
 }
 
 TEST(GfxCard, NoCardAndNoManagementLibraryAnswersFalse) {
@@ -101,18 +96,13 @@ TEST(GfxCard, UnansweredQueriesSayUnimplemented) {
   GfxCardInfo* info = GfxCardInfo::GetSingleton();
   ASSERT_NE(info, nullptr);
   EXPECT_EQ(GfxCardInfo::GetSingleton(), info);
-  QString text;
-  EXPECT_FALSE(info->getDisplayDeviceID(text));
-  EXPECT_EQ(text, QStringLiteral("unimplemented"));
-  text.clear();
-  EXPECT_FALSE(info->getGraphicsCardVendor(text));
-  EXPECT_EQ(text, QStringLiteral("unimplemented"));
-  text.clear();
-  EXPECT_FALSE(info->getGraphicsCardChipset(text));
-  EXPECT_EQ(text, QStringLiteral("unimplemented"));
-  text.clear();
-  EXPECT_FALSE(info->getGraphicsCardDriver(text));
-  EXPECT_EQ(text, QStringLiteral("unimplemented"));
+  for (const auto query :
+       {&GfxCardInfo::getDisplayDeviceID, &GfxCardInfo::getGraphicsCardVendor,
+        &GfxCardInfo::getGraphicsCardChipset, &GfxCardInfo::getGraphicsCardDriver}) {
+    QString text;
+    EXPECT_FALSE((info->*query)(text));
+    EXPECT_EQ(text, QStringLiteral("unimplemented"));
+  }
 }
 
 }  // namespace

@@ -45,12 +45,6 @@ TEST(Folders, UserFoldersFollowXdgVariables) {
   EXPECT_FALSE(QFileInfo::exists(home.path() + "/Papers")) << "documents are not created";
 }
 
-TEST(Folders, TempDirectoryFollowsTmpdir) {
-  QTemporaryDir tmp;
-  ScopedEnv tmpdir("TMPDIR", utf8(tmp.path()));
-  EXPECT_EQ(System::getTempDirectory(), tmp.path());
-}
-
 TEST(Folders, ResourceDirectoryDefaultsToTheProgramFolder) {
   if (!System::getInstallPath().isEmpty()) GTEST_SKIP() << "an install path was set earlier";
   char exe[4096];
@@ -70,9 +64,10 @@ TEST(Folders, InstallPathGetsOneTrailingSlash) {
   System::setInstallPath(before.isEmpty() ? QStringLiteral("/") : before);
 }
 
-TEST(TempFilePath, NamesAreFreshAndCarryPrefixAndExtension) {
+TEST(TempFilePath, NamesAreFreshInTmpdirAndCarryPrefixAndExtension) {
   QTemporaryDir tmp;
   ScopedEnv tmpdir("TMPDIR", utf8(tmp.path()));
+  EXPECT_EQ(System::getTempDirectory(), tmp.path());
   QSet<QString> seen;
   for (int i = 0; i < 50; ++i) {
     const QString path = System::makeTempFilePath(QStringLiteral("kml"), QStringLiteral("tiles"));
@@ -86,12 +81,7 @@ TEST(TempFilePath, NamesAreFreshAndCarryPrefixAndExtension) {
   EXPECT_EQ(QFileInfo(bare).fileName().size(), 5 + 6) << "prefix of five, six random characters";
   EXPECT_TRUE(QFileInfo(bare).fileName().startsWith(QStringLiteral("abcde")));
   EXPECT_FALSE(bare.contains(QLatin1Char('.')));
-}
-
-// The system's temporary-name rule: an empty prefix stands for "file".
-TEST(TempFilePath, EmptyPrefixBecomesFile) {
-  QTemporaryDir tmp;
-  ScopedEnv tmpdir("TMPDIR", utf8(tmp.path()));
+  // The system's temporary-name rule: an empty prefix stands for "file".
   for (const QString& prefix : {QString(), QStringLiteral("")}) {  // null and empty alike
     const QString name = QFileInfo(System::makeTempFilePath(QString(), prefix)).fileName();
     EXPECT_EQ(name.size(), 4 + 6) << utf8(name);
@@ -99,30 +89,26 @@ TEST(TempFilePath, EmptyPrefixBecomesFile) {
   }
 }
 
-TEST(MakeAbsDirPath, EmptyPathIsRefusedAndCreatesNothing) {
-  EXPECT_EQ(System::makeAbsDirPath(QString()), kEmptyPath);
-  EXPECT_EQ(System::makeAbsDirPath(QStringLiteral("")), kEmptyPath);
-}
-
-TEST(MakeAbsDirPath, CreatesEveryMissingLevel) {
+TEST(MakeAbsDirPath, CreatesEveryMissingLevelInUtf8FromTheRoot) {
   QTemporaryDir tmp;
   const QString deep = tmp.path() + "/a/b//c/./d/../e/";
   EXPECT_EQ(System::makeAbsDirPath(deep), 0u);
   EXPECT_TRUE(QFileInfo(tmp.path() + "/a/b/c/e").isDir());
   EXPECT_FALSE(QFileInfo::exists(tmp.path() + "/a/b/c/d")) << "the path is cleaned first";
   EXPECT_EQ(System::makeAbsDirPath(deep), 0u) << "existing folders are fine";
-}
-
-TEST(MakeAbsDirPath, NonAsciiNamesAreCreatedInUtf8) {
-  QTemporaryDir tmp;
   const QString path = tmp.path() + QStringLiteral("/Zürich/東京/Ελλάδα");
   EXPECT_EQ(System::makeAbsDirPath(path), 0u);
   struct stat info;
   ASSERT_EQ(::stat(path.toUtf8().constData(), &info), 0);
   EXPECT_TRUE(S_ISDIR(info.st_mode));
+  // tmp.path() is absolute; without its leading "/" the walk still starts at "/".
+  EXPECT_EQ(System::makeAbsDirPath(tmp.path().mid(1) + "/rel"), 0u);
+  EXPECT_TRUE(QFileInfo(tmp.path() + "/rel").isDir());
 }
 
-TEST(MakeAbsDirPath, PathBlockedByAFileFails) {
+TEST(MakeAbsDirPath, EmptyPathsAndPathsBlockedByAFileFail) {
+  EXPECT_EQ(System::makeAbsDirPath(QString()), kEmptyPath);
+  EXPECT_EQ(System::makeAbsDirPath(QStringLiteral("")), kEmptyPath);
   QTemporaryDir tmp;
   QFile blocker(tmp.path() + "/blocker");
   ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
@@ -130,14 +116,6 @@ TEST(MakeAbsDirPath, PathBlockedByAFileFails) {
   EXPECT_EQ(System::makeAbsDirPath(tmp.path() + "/blocker/sub/leaf"), kCannotCreate);
   EXPECT_EQ(System::makeAbsDirPath(tmp.path() + "/blocker"), kCannotCreate)
       << "a file is no folder, even as the last part";
-}
-
-TEST(MakeAbsDirPath, RelativePathIsTakenFromTheRoot) {
-  QTemporaryDir tmp;
-  // tmp.path() is absolute; without its leading "/" the walk still starts at "/".
-  const QString relative = tmp.path().mid(1) + "/rel";
-  EXPECT_EQ(System::makeAbsDirPath(relative), 0u);
-  EXPECT_TRUE(QFileInfo(tmp.path() + "/rel").isDir());
 }
 
 // Runs makeAbsDirPath(path) in a child that has given up root's right to
@@ -152,16 +130,8 @@ long long statusWithoutRoot(const QString& path) {
   }
   int status = 0;
   if (::waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
-  switch (WEXITSTATUS(status)) {
-    case 0:
-      return 0;
-    case 1:
-      return kCannotCreate;
-    case 2:
-      return -1;
-    default:
-      return -2;
-  }
+  const int code = WEXITSTATUS(status);
+  return code == 0 ? 0 : code == 1 ? kCannotCreate : code == 2 ? -1 : -2;
 }
 
 TEST(MakeAbsDirPath, ReadOnlyFolderFails) {

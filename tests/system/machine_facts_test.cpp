@@ -18,31 +18,27 @@ using env_detail::parseKernelRelease;
 using test::FakeMachine;
 
 TEST(OSNames, EveryFamilyHasItsNameAndOthersAreUnknown) {
-  const struct {
-    int family;
-    const char* name;
-  } rows[] = {
-      {0, "UNKNOWN"},
-      {1, "Microsoft Win32s"},
-      {2, "Microsoft Windows 95"},
-      {3, "Windows 98"},
-      {4, "Windows ME"},
-      {5, "Microsoft Windows NT"},
-      {6, "Microsoft Windows 2000"},
-      {7, "Microsoft Windows XP"},
-      {8, "Microsoft Windows Server"},
-      {9, "Microsoft Windows Vista"},
-      {10, "Mac OS X"},
-      {11, "Linux"},
-      {12, "Playstation 3"},
-      {13, "UNKNOWN"},
-      {-1, "UNKNOWN"},
-      {1000, "UNKNOWN"},
+  // Indexed by family, 0 .. 12; then families out of range.
+  const char* const names[] = {"UNKNOWN",
+                               "Microsoft Win32s",
+                               "Microsoft Windows 95",
+                               "Windows 98",
+                               "Windows ME",
+                               "Microsoft Windows NT",
+                               "Microsoft Windows 2000",
+                               "Microsoft Windows XP",
+                               "Microsoft Windows Server",
+                               "Microsoft Windows Vista",
+                               "Mac OS X",
+                               "Linux",
+                               "Playstation 3"};
+  const auto name = [](int family) {
+    auto os = static_cast<System::OSVersion>(family);
+    return System::getOSName(os);
   };
-  for (const auto& row : rows) {
-    auto os = static_cast<System::OSVersion>(row.family);
-    EXPECT_EQ(System::getOSName(os), QString::fromLatin1(row.name)) << row.family;
-  }
+  for (int family = 0; family < 13; ++family)
+    EXPECT_EQ(name(family), QString::fromLatin1(names[family])) << family;
+  for (const int family : {13, -1, 1000}) EXPECT_EQ(name(family), QStringLiteral("UNKNOWN"));
 }
 
 TEST(OSNames, VersionStringSuffixDependsOnFamily) {
@@ -151,24 +147,6 @@ TEST(FakeMachineTree, MemoryFactsFromMeminfoAndVmstat) {
   EXPECT_EQ(b, 5);
 }
 
-TEST(FakeMachineTree, HugeMemorySaturatesInsteadOfWrapping) {
-  FakeMachine machine;
-  machine.write("/proc/meminfo",
-                "MemTotal:     4398046511104 kB\n"  // 4 PiB
-                "MemAvailable:   67108864 kB\n"     // 64 GiB: beyond a 32-bit byte field
-                "Mlocked:        67108864 kB\n");
-  machine.write("/proc/vmstat", "pswpout 999999999999999\n");
-  int a = -1, b = -1;
-  System::getTotalMemoryMB(a, b);
-  EXPECT_EQ(a, INT_MAX);
-  EXPECT_EQ(b, INT_MAX);
-  System::getAvailableMemoryMB(a, b);
-  EXPECT_EQ(a, 2047);
-  System::getUsedMemoryMB(a, b);
-  EXPECT_EQ(a, 2047);
-  EXPECT_EQ(b, 2047);
-}
-
 // Figures beyond what the byte count can hold (the kilobytes of the table
 // times 1024, or megahertz times a million) saturate instead of overflowing.
 TEST(FakeMachineTree, AbsurdFiguresSaturateWithoutOverflow) {
@@ -178,6 +156,7 @@ TEST(FakeMachineTree, AbsurdFiguresSaturateWithoutOverflow) {
                 "MemAvailable: 9223372036854775807 kB\n"
                 "Mlocked:      9223372036854775807 kB\n"
                 "Unevictable:  9223372036854775807 kB\n");
+  machine.write("/proc/vmstat", "pswpout 999999999999999\n");
   machine.write("/proc/cpuinfo", "cpu MHz\t\t: 1e300\n");
   int a = -1, b = -1;
   System::getTotalMemoryMB(a, b);
@@ -187,12 +166,16 @@ TEST(FakeMachineTree, AbsurdFiguresSaturateWithoutOverflow) {
   EXPECT_EQ(a, 2047);
   System::getUsedMemoryMB(a, b);
   EXPECT_EQ(a, 2047);
+  EXPECT_EQ(b, 2047);
+  machine.write("/proc/meminfo", "Mlocked: 67108864 kB\n");  // alone, 64 GiB
+  System::getUsedMemoryMB(a, b);
+  EXPECT_EQ(a, 2047);
   EXPECT_EQ(System::getProcessorClockSpeed(), static_cast<double>(static_cast<float>(ULLONG_MAX)));
   machine.write("/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq", "18446744073709551615\n");
   EXPECT_EQ(System::getProcessorClockSpeed(), static_cast<double>(static_cast<float>(ULLONG_MAX)));
 }
 
-TEST(FakeMachineTree, MissingFilesGiveZeroUnknownAndFalse) {
+TEST(FakeMachineTree, MissingOrUnreadableFilesGiveZeroUnknownAndFalse) {
   FakeMachine machine;  // an empty tree
   int a = -1, b = -1;
   System::getTotalMemoryMB(a, b);
@@ -209,13 +192,9 @@ TEST(FakeMachineTree, MissingFilesGiveZeroUnknownAndFalse) {
   System::getOSVersion(os, major, minor, build, patch);
   EXPECT_EQ(os, System::OS_LINUX);
   EXPECT_EQ(major + minor + build + patch, 0);
-}
-
-TEST(FakeMachineTree, UnreadableFileCountsAsMissing) {
-  FakeMachine machine;
   // A folder where the file should be cannot be read as a file.
   ASSERT_TRUE(QDir().mkpath(machine.root() + "/proc/meminfo"));
-  int a = -1, b = -1;
+  a = b = -1;
   System::getTotalMemoryMB(a, b);
   EXPECT_EQ(a, 0);
   EXPECT_EQ(b, 0);
@@ -259,13 +238,10 @@ TEST(RealMachine, KernelNumbersMatchUname) {
   EXPECT_TRUE(System::getOSVersionString().startsWith(QStringLiteral("Linux (")));
 }
 
-TEST(RealMachine, ProcessorCountMatchesSysconf) {
+TEST(RealMachine, ProcessorCountAndTypeMatchSysconfAndCpuinfo) {
   EXPECT_EQ(System::getNumProcessors(), ::sysconf(_SC_NPROCESSORS_ONLN));
   EXPECT_FALSE(System::supportsIntelMMX());
   EXPECT_FALSE(System::supportsIntelSIMD());
-}
-
-TEST(RealMachine, ProcessorTypeMatchesCpuinfoFamily) {
 #if defined(__i386__) || defined(__x86_64__)
   std::ifstream cpuinfo("/proc/cpuinfo");
   std::string line;

@@ -70,7 +70,7 @@ class MainThreadCalls : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(MainThreadCalls, ExecuteOnTheMainThreadRunsAtOnceAndPostsNothing) {
+TEST_F(MainThreadCalls, ExecuteRunsAtOnceOnTheMainThreadAndIsPostedFromWorkers) {
   RecordingMethod method(42);
   EXPECT_EQ(Timer::execute(method, true), 42);
   EXPECT_TRUE(method.onMain.load());
@@ -84,9 +84,8 @@ TEST_F(MainThreadCalls, ExecuteOnTheMainThreadRunsAtOnceAndPostsNothing) {
   EXPECT_EQ(method.runs.load(), 3);
   processEventsFor(20);
   EXPECT_EQ(method.runs.load(), 3);
-}
 
-TEST_F(MainThreadCalls, ExecuteFromAWorkerWithAndWithoutWait) {
+  // From a worker, waiting: the call's result, not the method's.
   RecordingMethod waited(7), posted;
   std::atomic<bool> finished{false};
   int result = -2, runsSeenOnReturn = -1;
@@ -97,7 +96,7 @@ TEST_F(MainThreadCalls, ExecuteFromAWorkerWithAndWithoutWait) {
   });
   ASSERT_TRUE(processEventsUntil([&] { return finished.load(); }));
   worker.join();
-  EXPECT_EQ(result, 0);  // the call's result, not the method's
+  EXPECT_EQ(result, 0);
   EXPECT_EQ(runsSeenOnReturn, 1);
   EXPECT_TRUE(waited.onMain.load());
   expectBlockMainLockFree();
@@ -214,7 +213,7 @@ TEST_F(MainThreadCalls, MethodsDestroyedOnWorkersWhilePostedNeverRunHalfDestroye
       workersDone.fetch_add(1);
     });
   }
-  kestrel_test::JoinOnExit joinAll({&workers[0], &workers[1], &workers[2]});
+  kestrel_test::JoinOnExit joinAll{{&workers[0], &workers[1], &workers[2]}};
   ASSERT_TRUE(processEventsUntil([&] { return workersDone.load() == 3; }, 30000));
   processEventsFor(20);
   EXPECT_EQ(torn.load(), 0);
@@ -240,7 +239,7 @@ TEST_F(MainThreadCalls, DetachWaitsForTheRunningCallAndDropsPendingOnes) {
     method.detach();
     detached = true;
   });
-  kestrel_test::JoinOnExit joinWorker({&worker});
+  kestrel_test::JoinOnExit joinWorker{{&worker}};
   ASSERT_TRUE(processEventsUntil([&] { return detached.load(); }));
   processEventsFor(20);
   EXPECT_FALSE(detachedDuringRun.load());
@@ -301,28 +300,9 @@ TEST_F(MainThreadCalls, CallsDiscardedUndeliveredAreReleasedUnrun) {
   EXPECT_EQ(findBox(title), nullptr);
 }
 
-TEST_F(MainThreadCalls, SingleShotAndRepeatingTimers) {
-  struct CountingTimer : Timer {
-    void timeout() override { ++fired; }
-    int fired = 0;
-  } once, repeating;
-  once.start(10, true);
-  repeating.start(5, false);
-  EXPECT_TRUE(once.isActive());
-  ASSERT_TRUE(processEventsUntil([&] { return once.fired == 1 && repeating.fired >= 3; }));
-  EXPECT_FALSE(once.isActive());
-  EXPECT_TRUE(repeating.isActive());
-  repeating.stop();
-  EXPECT_FALSE(repeating.isActive());
-  const int fired = repeating.fired;
-  processEventsFor(60);
-  EXPECT_EQ(once.fired, 1);
-  EXPECT_EQ(repeating.fired, fired);
-}
-
 // start() goes through stop() first: restarting a running timer replaces it
 // rather than adding a second Qt timer that keeps firing.
-TEST_F(MainThreadCalls, RestartStopsThePreviousTimer) {
+TEST_F(MainThreadCalls, TimersFireOnceOrRepeatAndARestartStopsThePreviousOne) {
   struct CountingTimer : Timer {
     void timeout() override { ++fired; }
     void stop() override {
@@ -330,16 +310,19 @@ TEST_F(MainThreadCalls, RestartStopsThePreviousTimer) {
       Timer::stop();
     }
     int fired = 0, stops = 0;
-  } timer;
+  } once, timer;
+  once.start(10, true);
   timer.start(5, false);
   EXPECT_EQ(timer.stops, 1);
-  ASSERT_TRUE(processEventsUntil([&] { return timer.fired >= 2; }));
+  ASSERT_TRUE(processEventsUntil([&] { return once.fired == 1 && timer.fired >= 3; }));
+  EXPECT_FALSE(once.isActive());
   timer.start(60000, true);  // far in the future
   EXPECT_EQ(timer.stops, 2);
   EXPECT_TRUE(timer.isActive());
   const int fired = timer.fired;
   processEventsFor(100);
   EXPECT_EQ(timer.fired, fired) << "the 5 ms timer still fires";
+  EXPECT_EQ(once.fired, 1);
   timer.stop();
   EXPECT_FALSE(timer.isActive());
 }

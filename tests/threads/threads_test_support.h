@@ -42,22 +42,14 @@ inline double elapsedMs(const std::function<void()>& fn) {
 // Joins the threads it was given when it goes out of scope, so that a test
 // left early by a failed assertion destroys no joinable std::thread. Before
 // joining it runs `unblock` (if set), which must let every thread finish.
-class JoinOnExit {
- public:
-  JoinOnExit(std::vector<std::thread*> threads, std::function<void()> unblock = {})
-      : m_threads(std::move(threads)), m_unblock(std::move(unblock)) {}
+struct JoinOnExit {
+  std::vector<std::thread*> threads;
+  std::function<void()> unblock = {};
   ~JoinOnExit() {
-    if (m_unblock) m_unblock();
-    for (std::thread* t : m_threads) {
+    if (unblock) unblock();
+    for (std::thread* t : threads)
       if (t->joinable()) t->join();
-    }
   }
-  JoinOnExit(const JoinOnExit&) = delete;
-  JoinOnExit& operator=(const JoinOnExit&) = delete;
-
- private:
-  std::vector<std::thread*> m_threads;
-  std::function<void()> m_unblock;
 };
 
 // Longest a single test of this program may take before the watchdog of
