@@ -47,6 +47,8 @@ const ParseRow kParseRows[] = {
     {"CaseKept", "EN_us", 2, "EN", "", "us", "EN-us"},
     {"FourLetterSecondIsScriptEvenIfRegionLike", "sr_Latn_RS", 3, "sr", "Latn", "RS", "sr-Latn-RS"},
     {"RegionAfterNonScriptNotSeen", "ca_ES_VALENCIA", 3, "ca", "", "ES", "ca-ES"},
+    {"OneLetterRegionIgnored", "en_U", 2, "en", "", "", "en"},
+    {"ThreeLetterRegionIgnored", "en_USA", 2, "en", "", "", "en"},
     {"LongSecondPartIgnored", "en_Latin1", 2, "en", "", "", "en"},
     {"OnlyThirdPartExaminedAfterScript", "zh_Hans_CHN", 3, "zh", "Hans", "", "zh-Hans"},
     {"ModifierStaysInLanguage", "en@euro", 1, "en@euro", "", "", "en@euro"},
