@@ -15,6 +15,9 @@
 //                  user's folders (XDG), the monotonic application clock and
 //                  the per-frame step, thin POSIX file wrappers.
 //   GfxCardInfo    memory of the graphics card.
+//   Locale and language
+//                  the user's languages from the environment, the saved
+//                  choice, the current locale, localised URL templates.
 //
 // Handles of the platform (threads, storage keys) are plain integers here;
 // their relation to the system types is checked where the platform code is
@@ -44,10 +47,13 @@
 #include <kestrel/export.h>
 
 #include <QString>
+#include <QStringList>
 
 struct tm;
 
 namespace kestrel {
+
+class LanguageCode;
 
 // Identity of a thread: the value of the platform's thread handle, held whole
 // (64 bits on a 64-bit target). 0 never names a running thread.
@@ -375,6 +381,56 @@ class KESTREL_EXPORT System {
   // that cannot start. Does not wait for the opener, which is reaped in the
   // background. The two flags are accepted and not used on this platform.
   static bool LaunchExternalBrowser(const QString& url, bool = false, bool = false);
+
+  // ------------------------------------------------------------------
+  // Locale and language (locale.h has LanguageCode). The user's choices
+  // come from the environment: LANGUAGE (a colon-separated list) gives the
+  // preferred languages, and the first of LC_ALL, LC_MESSAGES, LANG that is
+  // set is the user's locale. Values are canonical: encoding and modifier
+  // dropped (en_US.UTF-8@euro is en_US); empty, "C", "POSIX" and "C.UTF-8"
+  // count as absent. Main thread only: nothing here locks.
+  // ------------------------------------------------------------------
+
+  // The canonical entries of LANGUAGE in order, then the user's locale;
+  // absent ones are skipped, so the list may be empty.
+  static QStringList getPlatformPreferredLocaleList();
+  // getPlatformPreferredLocaleList(), with the "locale" value of the user's
+  // application settings in front when that key is present.
+  static QStringList getPreferredLocaleList();
+  // The region of the user's locale in lower case ("us"), or empty.
+  static QString getPlatformCountryCode();
+  // A copy of code if it has a region; else the user's locale when its
+  // language equals code's (case-sensitive), which carries the user's
+  // region; else a copy of code.
+  static LanguageCode adjustLocaleForRegion(const LanguageCode& code);
+  // Makes a copy of code the current locale and reports its printed form as
+  // the "osLocale" setting.
+  static void setCurrentLocale(const LanguageCode& code);
+  // The current locale; before any setCurrentLocale, a code made from
+  // "en_US" (kept from then on).
+  static LanguageCode getCurrentLocale();
+  // url with every "%1" replaced by the current locale's language, then
+  // every "%2" by getPlatformCountryCode(), then every "%3" by the current
+  // locale's printed form. "%4" is left alone.
+  static QString localizeUrl(const QString& url);
+  // url with every "%4" replaced by number in decimal.
+  static QString substituteNumberInUrl(const QString& url, int number);
+  // substituteNumberInUrl(localizeUrl(url), number).
+  static QString computeSupportUrl(const QString& url, int number);
+  // URL templates: the product web site (ends in "/"), then base + "intl/%1/",
+  // base + "support/", base + "support/bin/", support bin +
+  // "request.py?hl=%1", "topic.py?topic=%4&hl=%1", "answer.py?answer=%4&hl=%1".
+  static QString getDefaultKestrelUrl();
+  static QString getDefaultKestrelIntlUrl();
+  static QString getDefaultSupportBaseUrl();
+  static QString getDefaultSupportBinUrl();
+  static QString getDefaultSupportRequestUrl();
+  static QString getDefaultSupportTopicUrl();
+  static QString getDefaultSupportAnswerUrl();
+
+ private:
+  // The product web site base URL, set at library load.
+  static const QString sKestrelUrl;
 };
 
 // The value getStartTime() returns.
