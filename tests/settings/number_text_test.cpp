@@ -17,19 +17,6 @@ namespace {
 
 using NumberText = SettingsTest;
 
-// printf("%.<digits>g", value).
-std::string printed(int digits, double value) {
-  char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%.*g", digits, value);
-  return buffer;
-}
-
-std::string printfG(double value) {
-  char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%g", value);
-  return buffer;
-}
-
 // Values where a formatter that rounds its own way goes wrong: exact binary
 // ties at the sixth significant digit, carries into a new power of ten, the
 // boundaries where %g switches notation, signed zeros, infinities and NaN.
@@ -49,6 +36,24 @@ std::vector<double> awkwardValues() {
   return values;
 }
 
+// Counts the values whose text differs from printf("%g"), reporting the first ten.
+template <typename S, typename T>
+int mismatchesWithPrintfG(S& setting, const std::vector<T>& values) {
+  int wrong = 0;
+  for (T value : values) {
+    // set() ignores a value equal to the current one (-0.0 after 0.0).
+    if (value == setting.get()) setting.set(value == T(1) ? T(2) : T(1));
+    setting.set(value);
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "%g", static_cast<double>(value));
+    if (setting.toString() != QLatin1String(expected) && ++wrong <= 10) {
+      ADD_FAILURE() << QString::number(static_cast<double>(value), 'g', 17).toStdString()
+                    << " gives " << setting.toString().toStdString() << ", printf " << expected;
+    }
+  }
+  return wrong;
+}
+
 TEST_F(NumberText, DoubleTextIsPrintfG) {
   SettingGroup group(QStringLiteral("number.double"));
   DoubleSetting setting(group, QStringLiteral("d"), 1.0, false, false);
@@ -59,19 +64,7 @@ TEST_F(NumberText, DoubleTextIsPrintfG) {
   std::uniform_int_distribution<int> exponent(-12, 12);
   for (int i = 0; i < 50000; ++i)
     values.push_back(mantissa(random) * std::pow(10, exponent(random)));
-
-  int wrong = 0;
-  for (double value : values) {
-    // set() ignores a value equal to the current one (-0.0 after 0.0).
-    if (value == setting.get()) setting.set(value == 1.0 ? 2.0 : 1.0);
-    setting.set(value);
-    const std::string expected = printfG(value);
-    if (setting.toString().toStdString() != expected && ++wrong <= 10) {
-      ADD_FAILURE() << printed(17, value) << " gives " << setting.toString().toStdString()
-                    << ", printf " << expected;
-    }
-  }
-  EXPECT_EQ(wrong, 0) << "of " << values.size() << " values";
+  EXPECT_EQ(mismatchesWithPrintfG(setting, values), 0) << "of " << values.size() << " values";
 }
 
 TEST_F(NumberText, FloatTextIsPrintfGOfTheFloat) {
@@ -82,18 +75,7 @@ TEST_F(NumberText, FloatTextIsPrintfGOfTheFloat) {
   std::mt19937 random(1122);
   for (int i = 0; i < 100000; ++i)
     values.push_back(std::bit_cast<float>(static_cast<std::uint32_t>(random())));
-
-  int wrong = 0;
-  for (float value : values) {
-    if (value == setting.get()) setting.set(value == 1.0f ? 2.0f : 1.0f);
-    setting.set(value);
-    const std::string expected = printfG(static_cast<double>(value));
-    if (setting.toString().toStdString() != expected && ++wrong <= 10) {
-      ADD_FAILURE() << printed(9, static_cast<double>(value)) << " gives "
-                    << setting.toString().toStdString() << ", printf " << expected;
-    }
-  }
-  EXPECT_EQ(wrong, 0) << "of " << values.size() << " values";
+  EXPECT_EQ(mismatchesWithPrintfG(setting, values), 0) << "of " << values.size() << " values";
 }
 
 // Integer text keeps the reading rules of a text stream (white space, sign,
