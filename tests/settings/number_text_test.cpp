@@ -1,10 +1,5 @@
-// Number text forms checked against their references over many values: real
-// numbers against printf("%g"), integer reading against a text stream for
-// every value that fits an int.
+// Real-number text forms checked against printf("%g") over many values.
 #include "settings/settings_test_support.h"
-
-#include <QIODevice>
-#include <QTextStream>
 
 #include <bit>
 #include <cmath>
@@ -76,40 +71,6 @@ TEST_F(NumberText, FloatTextIsPrintfGOfTheFloat) {
   for (int i = 0; i < 100000; ++i)
     values.push_back(std::bit_cast<float>(static_cast<std::uint32_t>(random())));
   EXPECT_EQ(mismatchesWithPrintfG(setting, values), 0) << "of " << values.size() << " values";
-}
-
-// Integer text keeps the reading rules of a text stream (white space, sign,
-// digits of any script, what is used up when no digit follows); only values
-// beyond the int range differ, and those are left out here.
-TEST_F(NumberText, IntReadingMatchesATextStreamForValuesThatFit) {
-  SettingGroup group(QStringLiteral("number.int"));
-  IntSetting single(group, QStringLiteral("i"), 0, false, false);
-  IntPairSetting pair(group, QStringLiteral("p"), {0, 0}, false, false);
-  const char16_t alphabet[] = u" \t\n+-0123456789x.,e\u00a0\u2003\u0663\uff13\u00b2a";
-  const int letters = static_cast<int>(std::size(alphabet)) - 1;
-  std::mt19937 random(7);
-  int compared = 0;
-  for (int i = 0; i < 40000; ++i) {
-    QString text;
-    const int length = static_cast<int>(random() % 12);
-    for (int j = 0; j < length; ++j) text += QChar(alphabet[random() % letters]);
-    // Skip texts with a digit run that might not fit an int.
-    int run = 0, longest = 0;
-    for (QChar c : text) longest = std::max(longest, run = c.isDigit() ? run + 1 : 0);
-    if (longest > 9) continue;
-
-    QString source = text;
-    QTextStream in(&source, QIODevice::ReadOnly);
-    in.setIntegerBase(10);
-    int first = 0, second = 0;
-    in >> first >> second;
-    single.fromString(text);
-    pair.fromString(text);
-    ASSERT_EQ(single.get(), first) << '"' << text.toStdString() << '"';
-    ASSERT_EQ(pair.get(), std::make_pair(first, second)) << '"' << text.toStdString() << '"';
-    ++compared;
-  }
-  EXPECT_GT(compared, 30000);
 }
 
 }  // namespace
