@@ -123,6 +123,26 @@ TEST(HashTable, FindCountsLookupsHitsAndNodesPassedOver) {
   EXPECT_EQ(table.getLookups(), 4u);
 }
 
+TEST(HashTable, TwentyThousandKeysInLongChains) {
+  ItemTable table(1000);  // 1543 buckets, about 13 elements per chain
+  constexpr unsigned int kCount = 20000;
+  std::vector<Item> items(kCount);
+  for (unsigned int i = 0; i < kCount; ++i) {
+    items[i].key = i * 7919u;
+    ASSERT_TRUE(table.insert(&items[i]));
+  }
+  EXPECT_EQ(table.getElementCount(), kCount);
+  for (unsigned int i = 0; i < kCount; ++i) ASSERT_EQ(table.find(items[i].key), &items[i]) << i;
+
+  for (unsigned int i = 1; i < kCount; i += 2) ASSERT_TRUE(table.remove(&items[i])) << i;
+  EXPECT_EQ(table.getElementCount(), kCount / 2);
+  for (unsigned int i = 0; i < kCount; ++i) {
+    ASSERT_EQ(table.find(items[i].key), i % 2 ? nullptr : &items[i]) << i;
+  }
+  EXPECT_EQ(table.getLookups(), 2 * kCount);
+  EXPECT_EQ(table.getHits(), kCount + kCount / 2);
+}
+
 TEST(HashTable, ClearEmptiesTheTableButKeepsBucketsAndStatistics) {
   ItemTable table(100);
   std::vector<Item> items(500);

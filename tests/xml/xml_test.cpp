@@ -314,5 +314,39 @@ TEST(XmlPathFinder, FindChildTakesTheFirstExactMatchAndTheTreeIsReadOnly) {
   EXPECT_TRUE(XmlTree(nullptr).getValue(QStringLiteral("r")).isNull());
 }
 
+TEST(XmlReader, CountsTheSameElementsAsExpatOnARealDocument) {
+  const char* path = "/usr/share/mime/packages/freedesktop.org.xml";
+  QFile file(QString::fromUtf8(path));
+  if (!file.open(QIODevice::ReadOnly)) GTEST_SKIP() << path << " is not installed on this machine";
+  const QByteArray contents = file.readAll();
+
+  long expatCount = 0;
+  XML_Parser parser = XML_ParserCreate(nullptr);
+  XML_SetUserData(parser, &expatCount);
+  XML_SetStartElementHandler(
+      parser, [](void* count, const XML_Char*, const XML_Char**) { ++*static_cast<long*>(count); });
+  ASSERT_EQ(XML_Parse(parser, contents.constData(), static_cast<int>(contents.size()), 1),
+            XML_STATUS_OK);
+  XML_ParserFree(parser);
+
+  XmlReader reader(QString::fromUtf8(path));
+  ASSERT_FALSE(reader.getErrorsOccurred()) << reader.errorMessage.toStdString();
+  long treeCount = 0;
+  XmlNode* node = reader.root;
+  while (node) {  // pre-order walk without recursion
+    ++treeCount;
+    if (node->firstChild) {
+      node = node->firstChild;
+      continue;
+    }
+    while (node && !node->nextSibling) node = node->parent;
+    if (node) node = node->nextSibling;
+  }
+  EXPECT_EQ(treeCount, expatCount);
+  EXPECT_EQ(reader.root->name, QStringLiteral("mime-info"));
+  EXPECT_NE(XmlPathFinder().find(reader.root, QStringLiteral("mime-info/mime-type/comment")),
+            nullptr);
+}
+
 }  // namespace
 }  // namespace kestrel
