@@ -113,6 +113,19 @@ TEST(MemoryFront, RequestOfNCountsN) {
   EXPECT_EQ(MemInfo::getPoolAllocs(), before.allocs);
 }
 
+// Destroying a pool does not release what its managers still hold, so those
+// blocks stay in the pool counters.
+TEST(MemoryFront, BlocksOutstandingWhenTheirPoolDiesStayCounted) {
+  const PoolCounters before;
+  {
+    OwnPool own;
+    ASSERT_NE(kestrel::doNew(40, own.manager), nullptr);
+  }
+  EXPECT_EQ(MemInfo::getPoolBytes() - before.bytes, 40u);
+  EXPECT_EQ(MemInfo::getPoolAllocs() - before.allocs, 1u);
+  MemInfo::ChangePoolBytes(-40, MemInfo::kFree);
+}
+
 TEST(MemoryFront, SizeZeroIsServedAsADistinctBlock) {
   OwnPool own;
   void* a = gPlainNew(0);
