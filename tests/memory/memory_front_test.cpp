@@ -51,8 +51,12 @@ TEST(MemoryFront, EveryManagerReleasePathReturnsTheBlockToItsManager) {
   kestrel::doDelete(kestrel::Calloc(24, &mgr), &mgr);
   ::operator delete(gManagerNew(24, &mgr), &mgr);
   ::operator delete[](::operator new[](24, &mgr), &mgr);
-  delete new (&mgr) Node;
-  delete[] new (&mgr) Node[3];
+  Node* node = new (&mgr) Node;
+  Node* nodes = new (&mgr) Node[3];
+  EXPECT_TRUE(kestrel::MemoryPool::isPointerFromPool(node));
+  EXPECT_GE(mgr.getAllocatedSize(), 4 * sizeof(Node));  // the array may add a count
+  delete node;
+  delete[] nodes;
   EXPECT_EQ(mgr.getAllocatedSize(), 0u);
   EXPECT_EQ(own.pool->getAllocatedMemory(), 0u);
 }
