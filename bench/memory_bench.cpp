@@ -6,8 +6,9 @@
 //                  64, 128 and 256 B: each step frees a random slot and fills
 //                  it again. Peers: HeapManager (alloc, then kestrel::Free:
 //                  ownership test, header, pool lock), the bare mspace,
-//                  glibc, jemalloc and mimalloc (targets vs glibc: <= 1.0x at
-//                  10k, <= 0.7x at 100k)
+//                  the mspace with a SpinLock around each call (the floor
+//                  of the pool path), glibc, jemalloc and mimalloc (targets vs
+//                  glibc: <= 1.0x at 10k, <= 0.7x at 100k)
 //   newdelete      new/delete of 64 B from 1 and 2 threads (target: 2 threads
 //                  >= 1.6x the throughput of 1)
 //   owner/P        isPointerFromPool over a mix of pool, heap and stack
@@ -142,6 +143,24 @@ void poolMspace(benchmark::State& state) {
   kestrel::destroy_mspace(m);
 }
 
+// The floor the pool path builds on: the bare mspace with the pool's kind of
+// lock (a SpinLock) taken around each call.
+void poolLockedMspace(benchmark::State& state) {
+  kestrel::mspace m = kestrel::create_mspace(0, 0);
+  kestrel::SpinLock lock(0);
+  churn(
+      state,
+      [m, &lock](unsigned n) {
+        kestrel::CSMutex hold(lock);
+        return kestrel::mspace_malloc(m, n);
+      },
+      [m, &lock](void* p) {
+        kestrel::CSMutex hold(lock);
+        kestrel::mspace_free(m, p);
+      });
+  kestrel::destroy_mspace(m);
+}
+
 void poolGlibc(benchmark::State& state) {
   churn(
       state, [](unsigned n) { return std::malloc(n); }, [](void* p) { std::free(p); });
@@ -158,6 +177,7 @@ void poolPeer(benchmark::State& state, Peer* peer) {
 
 BENCHMARK(poolHeapManager)->Name("pool/HeapManager")->Arg(10000)->Arg(100000);
 BENCHMARK(poolMspace)->Name("pool/mspace")->Arg(10000)->Arg(100000);
+BENCHMARK(poolLockedMspace)->Name("pool/mspace+lock")->Arg(10000)->Arg(100000);
 BENCHMARK(poolGlibc)->Name("pool/glibc")->Arg(10000)->Arg(100000);
 BENCHMARK_CAPTURE(poolPeer, jemalloc, &gJemalloc)->Name("pool/jemalloc")->Arg(10000)->Arg(100000);
 BENCHMARK_CAPTURE(poolPeer, mimalloc, &gMimalloc)->Name("pool/mimalloc")->Arg(10000)->Arg(100000);
@@ -234,7 +254,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
       const double target = std::string(live) == "10000" ? 1.0 : 0.7;
       ratio(std::string("HeapManager / glibc, ") + live + " live",
             std::string("pool/HeapManager/") + live, glibc, target);
-      for (const char* peer : {"mspace", "jemalloc", "mimalloc"})
+      for (const char* peer : {"mspace", "mspace+lock", "jemalloc", "mimalloc"})
         ratio(std::string(peer) + " / glibc, " + live + " live",
               std::string("pool/") + peer + "/" + live, glibc, 0);
     }

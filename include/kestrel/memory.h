@@ -301,7 +301,11 @@ class KESTREL_EXPORT MemoryObject {
 };
 
 // Process-wide allocation counters (unsigned 32-bit, starting at 0). They
-// change without a lock (each update is one atomic step) and wrap around.
+// wrap around. ChangeHeapBytes/ChangePoolBytes update them in one atomic
+// step each, without a lock. The pool counters also include the blocks of
+// every HeapManager, which each pool counts under its own lock (so that
+// path shares no counter between threads); reading them, and the result of
+// ChangePoolBytes, sums over the live pools.
 class KESTREL_EXPORT MemInfo {
  public:
   // kAlloc counts one allocation up, kFree one down; any other value is
@@ -465,9 +469,11 @@ class KESTREL_EXPORT MemoryPool : public MemoryObject {
   friend class HeapManager;
   static void* recordMapping(void* (*map)(unsigned long, void*), unsigned long size, void* pool);
   // The HeapManager path: `bytes` from the mspace and the request `n`
-  // counted in the manager's counter, the pool and MemInfo, the first two
-  // under the pool lock with plain arithmetic (null, nothing counted, when
-  // the mspace cannot serve it); and the mirror for a release.
+  // counted in the manager's counter and the pool's own counters of that
+  // path, all under the pool lock with plain arithmetic (null, nothing
+  // counted, when the mspace cannot serve it); and the mirror for a release.
+  // MemInfo's pool counters include those of every pool, so this path
+  // touches no counter shared between pools.
   void* lockedAlloc(unsigned long bytes, unsigned long n, unsigned long& managerCount);
   void lockedFree(void* block, unsigned long n, unsigned long& managerCount);
 
@@ -475,6 +481,7 @@ class KESTREL_EXPORT MemoryPool : public MemoryObject {
   long mRefCount = 1;
   unsigned long mAllocated = 0;        // addAllocation/subtractAllocation
   unsigned long mLockedAllocated = 0;  // the HeapManager path, under mLock
+  unsigned long mLockedAllocs = 0;     // blocks of that path, under mLock
   mspace mSpace = nullptr;
   SpinLock mLock;
   QList<MMapRange> mRanges;

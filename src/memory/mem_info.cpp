@@ -4,6 +4,7 @@
 
 #include "kestrel/memory.h"
 #include "kestrel/settings.h"
+#include "memory/pool_totals.h"
 
 namespace kestrel {
 namespace {
@@ -57,7 +58,7 @@ unsigned MemInfo::ChangeHeapBytes(int delta, Operation op) {
 }
 
 unsigned MemInfo::ChangePoolBytes(int delta, Operation op) {
-  return gPool.change(delta, op);
+  return gPool.change(delta, op) + static_cast<unsigned>(memory_detail::heapPathTotals().bytes);
 }
 
 void MemInfo::UpdateMemSettings(unsigned long alchemyBytes, unsigned long unpooledBytes) {
@@ -80,11 +81,13 @@ unsigned MemInfo::getHeapAllocs() {
 }
 
 unsigned MemInfo::getPoolBytes() {
-  return gPool.bytes.load(std::memory_order_relaxed);
+  return gPool.bytes.load(std::memory_order_relaxed) +
+         static_cast<unsigned>(memory_detail::heapPathTotals().bytes);
 }
 
 unsigned MemInfo::getPoolAllocs() {
-  return gPool.allocs.load(std::memory_order_relaxed);
+  return gPool.allocs.load(std::memory_order_relaxed) +
+         static_cast<unsigned>(memory_detail::heapPathTotals().allocs);
 }
 
 }  // namespace kestrel

@@ -8,6 +8,7 @@
 #include "memory/mapped_ranges.h"
 #include "memory/memory_front.h"
 #include "memory/mspace_layout.h"
+#include "memory/pool_totals.h"
 
 namespace kestrel {
 
@@ -37,10 +38,62 @@ bool touched(const UnmapNotes& notes, const MMapRange& range) {
   return false;
 }
 
+unsigned long loadCounter(const unsigned long* counter) {
+  return std::atomic_ref<unsigned long>(*const_cast<unsigned long*>(counter))
+      .load(std::memory_order_relaxed);
+}
+
+// The registry of the live pools' counters and what retired pools left,
+// all under rangeLock(). Never destroyed (pools may outlive static
+// destruction).
+struct CounterRegistry {
+  std::vector<memory_detail::PoolCounters> live;
+  memory_detail::PoolTotals retired;
+};
+
+CounterRegistry& counterRegistry() {
+  static auto* const registry = new CounterRegistry;
+  return *registry;
+}
+
 }  // namespace
+
+namespace memory_detail {
+
+void registerPoolCounters(const PoolCounters& counters) {
+  CSMutex hold(rangeLock());
+  counterRegistry().live.push_back(counters);
+}
+
+void retirePoolCounters(const PoolCounters& counters) {
+  CSMutex hold(rangeLock());
+  CounterRegistry& registry = counterRegistry();
+  for (auto it = registry.live.begin(); it != registry.live.end(); ++it) {
+    if (it->bytes != counters.bytes) continue;
+    registry.retired.bytes += loadCounter(counters.bytes);
+    registry.retired.allocs += loadCounter(counters.allocs);
+    *it = registry.live.back();
+    registry.live.pop_back();
+    return;
+  }
+}
+
+PoolTotals heapPathTotals() {
+  CSMutex hold(rangeLock());
+  const CounterRegistry& registry = counterRegistry();
+  PoolTotals totals = registry.retired;
+  for (const PoolCounters& counters : registry.live) {
+    totals.bytes += loadCounter(counters.bytes);
+    totals.allocs += loadCounter(counters.allocs);
+  }
+  return totals;
+}
+
+}  // namespace memory_detail
 
 MemoryPool::MemoryPool(const char* name, unsigned long size)
     : mName(QString::fromUtf8(name)), mLock(0) {
+  memory_detail::registerPoolCounters({&mLockedAllocated, &mLockedAllocs});
   void* base = directMmapCB(size, this);
   if (base != kMapFailed) {
     mSpace = create_mspace_with_base_ca(base, size, 0, mmapCB, directMmapCB, sbreakCB, this);
@@ -50,6 +103,7 @@ MemoryPool::MemoryPool(const char* name, unsigned long size)
 }
 
 MemoryPool::~MemoryPool() {
+  memory_detail::retirePoolCounters({&mLockedAllocated, &mLockedAllocs});
   UnmapNotes notes;
   notes.unmapped.reserve(64);
   QList<MMapRange> ranges;
@@ -102,18 +156,18 @@ void* MemoryPool::lockedAlloc(unsigned long bytes, unsigned long n, unsigned lon
     if (block == nullptr) return nullptr;
     addLocked(managerCount, n);
     addLocked(mLockedAllocated, n);
+    addLocked(mLockedAllocs, 1);
   }
-  MemInfo::ChangePoolBytes(static_cast<int>(n), MemInfo::kAlloc);
   return block;
 }
 
 void MemoryPool::lockedFree(void* block, unsigned long n, unsigned long& managerCount) {
   if (mSpace == nullptr) return;
   const unsigned long negated = 0UL - n;  // the counters wrap, they never overflow
-  MemInfo::ChangePoolBytes(static_cast<int>(static_cast<unsigned>(negated)), MemInfo::kFree);
   CSMutex hold(mLock);
   addLocked(managerCount, negated);
   addLocked(mLockedAllocated, negated);
+  addLocked(mLockedAllocs, ~0UL);
   mspace_free(mSpace, block);
 }
 

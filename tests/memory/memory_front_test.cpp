@@ -51,8 +51,12 @@ TEST(MemoryFront, EveryManagerReleasePathReturnsTheBlockToItsManager) {
   kestrel::doDelete(kestrel::Calloc(24, &mgr), &mgr);
   ::operator delete(gManagerNew(24, &mgr), &mgr);
   ::operator delete[](::operator new[](24, &mgr), &mgr);
-  delete new (&mgr) Node;
-  delete[] new (&mgr) Node[3];
+  Node* node = new (&mgr) Node;
+  Node* nodes = new (&mgr) Node[3];
+  EXPECT_TRUE(kestrel::MemoryPool::isPointerFromPool(node));
+  EXPECT_GE(mgr.getAllocatedSize(), 4 * sizeof(Node));  // the array may add a count
+  delete node;
+  delete[] nodes;
   EXPECT_EQ(mgr.getAllocatedSize(), 0u);
   EXPECT_EQ(own.pool->getAllocatedMemory(), 0u);
 }
@@ -111,6 +115,19 @@ TEST(MemoryFront, RequestOfNCountsN) {
   kestrel::Free(b);
   EXPECT_EQ(MemInfo::getPoolBytes(), before.bytes);
   EXPECT_EQ(MemInfo::getPoolAllocs(), before.allocs);
+}
+
+// Destroying a pool does not release what its managers still hold, so those
+// blocks stay in the pool counters.
+TEST(MemoryFront, BlocksOutstandingWhenTheirPoolDiesStayCounted) {
+  const PoolCounters before;
+  {
+    OwnPool own;
+    ASSERT_NE(kestrel::doNew(40, own.manager), nullptr);
+  }
+  EXPECT_EQ(MemInfo::getPoolBytes() - before.bytes, 40u);
+  EXPECT_EQ(MemInfo::getPoolAllocs() - before.allocs, 1u);
+  MemInfo::ChangePoolBytes(-40, MemInfo::kFree);
 }
 
 TEST(MemoryFront, SizeZeroIsServedAsADistinctBlock) {

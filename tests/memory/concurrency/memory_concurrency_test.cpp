@@ -48,6 +48,8 @@ bool intact(const Block& b) {
 
 TEST(MemoryPoolThreads, ConcurrentAllocationAndCrossThreadFrees) {
   MemoryPool* pool = new MemoryPool("threads", 0x400000);
+  const unsigned poolBytesBefore = kestrel::MemInfo::getPoolBytes();
+  const unsigned poolAllocsBefore = kestrel::MemInfo::getPoolAllocs();
   {
     HeapManager mgr(pool);
     std::vector<std::vector<Block>> owned(kThreads);
@@ -64,6 +66,9 @@ TEST(MemoryPoolThreads, ConcurrentAllocationAndCrossThreadFrees) {
     }
     EXPECT_EQ(mgr.getAllocatedSize(), total);
     EXPECT_EQ(pool->getAllocatedMemory(), total);
+    EXPECT_EQ(kestrel::MemInfo::getPoolBytes() - poolBytesBefore, total);
+    EXPECT_EQ(kestrel::MemInfo::getPoolAllocs() - poolAllocsBefore,
+              static_cast<unsigned>(kThreads * kBlocksPerThread));
 
     // Each thread verifies and frees the blocks another thread allocated,
     // while allocating and freeing blocks of its own.
@@ -85,6 +90,8 @@ TEST(MemoryPoolThreads, ConcurrentAllocationAndCrossThreadFrees) {
     EXPECT_EQ(damaged.load(), 0);
     EXPECT_EQ(mgr.getAllocatedSize(), 0u);
     EXPECT_EQ(pool->getAllocatedMemory(), 0u);
+    EXPECT_EQ(kestrel::MemInfo::getPoolBytes(), poolBytesBefore);
+    EXPECT_EQ(kestrel::MemInfo::getPoolAllocs(), poolAllocsBefore);
   }
   delete pool;
 }
@@ -92,6 +99,7 @@ TEST(MemoryPoolThreads, ConcurrentAllocationAndCrossThreadFrees) {
 TEST(MemoryPoolThreads, OwnershipStaysExactWhilePoolsComeAndGo) {
   MemoryPool* pool = new MemoryPool("steady", 0x400000);
   const kestrel::MMapRange r = pool->getRanges().at(0);
+  const unsigned poolBytesBefore = kestrel::MemInfo::getPoolBytes();
   std::atomic<bool> done{false};
   std::atomic<int> churned{0};
   std::thread churn([&] {
@@ -118,11 +126,14 @@ TEST(MemoryPoolThreads, OwnershipStaysExactWhilePoolsComeAndGo) {
     wrong += MemoryPool::isPointerFromPool(r.start - 1);
     wrong += MemoryPool::isPointerFromPool(&local);
     wrong += MemoryPool::isPointerFromPool(heap);
+    // The pool counters sum over the pools being created and destroyed.
+    if (i % 256 == 0) wrong += kestrel::MemInfo::getPoolBytes() - poolBytesBefore > 64;
   }
   churn.join();
   std::free(heap);
   EXPECT_EQ(wrong, 0);
   EXPECT_EQ(churned.load(), 200);
+  EXPECT_EQ(kestrel::MemInfo::getPoolBytes(), poolBytesBefore);
   delete pool;
 }
 
