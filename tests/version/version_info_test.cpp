@@ -91,14 +91,24 @@ class VersionRun : public ::testing::Test {
   ScopedEnv mLang{"LANG", "de_DE.UTF-8"};
 };
 
-struct EditionRow {
-  const char* name;
-  std::vector<const char*> markers;
-  int type;
+// The facts of the three editions a marker can choose, indexed by type. The
+// Site edition carries the Studio id on purpose.
+struct Edition {
   int group;
   const char* displayName;
   const char* appId;
   const char* product;
+};
+const Edition kEditions[] = {
+    {0, "Orvane Kestrel Site", "OrvaneKestrelMacStudio", "OrvaneKestrelSite"},
+    {1, "Orvane Kestrel Studio", "OrvaneKestrelMacStudio", "OrvaneKestrelStudio"},
+    {2, "Orvane Kestrel Extra", "OrvaneKestrelMac", "OrvaneKestrelExtra"},
+};
+
+struct EditionRow {
+  const char* name;
+  std::vector<const char*> markers;
+  int type;
 };
 
 class EditionFromMarkers : public VersionRun, public ::testing::WithParamInterface<EditionRow> {};
@@ -107,63 +117,30 @@ class EditionFromMarkers : public VersionRun, public ::testing::WithParamInterfa
 // wins; without one the edition is Extra. The edition names the user's store.
 TEST_P(EditionFromMarkers, FirstMarkerInOrderChoosesEditionAndStore) {
   const EditionRow& row = GetParam();
+  const Edition& edition = kEditions[row.type];
   for (const char* marker : row.markers) addMarker(marker);
   EXPECT_EQ(VersionInfo::getAppType(), row.type);
-  EXPECT_EQ(VersionInfo::getAppGroup(), row.group);
-  EXPECT_EQ(VersionInfo::getAppNameW(), QString::fromLatin1(row.displayName));
-  EXPECT_EQ(VersionInfo::getAppIDW(), QString::fromLatin1(row.appId));
+  EXPECT_EQ(VersionInfo::getAppGroup(), edition.group);
+  EXPECT_EQ(VersionInfo::getAppNameW(), QString::fromLatin1(edition.displayName));
+  EXPECT_EQ(VersionInfo::getAppIDW(), QString::fromLatin1(edition.appId));
+  const QString product = QString::fromLatin1(edition.product);
   EXPECT_EQ(VersionInfo::getAppSettingsRegistryPath(),
-            QStringLiteral("Software/Orvane/") + QString::fromLatin1(row.product));
+            QStringLiteral("Software/Orvane/") + product);
   EXPECT_EQ(options().appType.get(), row.type);
-  EXPECT_EQ(options().appName.get(), QString::fromLatin1(row.displayName));
-  EXPECT_EQ(readUserStore(QString::fromLatin1(row.product)).value("currentVersion"), kThisVersion);
+  EXPECT_EQ(options().appName.get(), QString::fromLatin1(edition.displayName));
+  EXPECT_EQ(readUserStore(product).value("currentVersion"), kThisVersion);
 }
 
 const EditionRow kEditionRows[] = {
-    {"NoMarker", {}, 2, 2, "Orvane Kestrel Extra", "OrvaneKestrelMac", "OrvaneKestrelExtra"},
-    {"Vq20", {"vq20"}, 2, 2, "Orvane Kestrel Extra", "OrvaneKestrelMac", "OrvaneKestrelExtra"},
-    {"Vq88IsSiteWithStudioId",
-     {"vq88"},
-     0,
-     0,
-     "Orvane Kestrel Site",
-     "OrvaneKestrelMacStudio",
-     "OrvaneKestrelSite"},
-    {"Vq56",
-     {"vq56"},
-     1,
-     1,
-     "Orvane Kestrel Studio",
-     "OrvaneKestrelMacStudio",
-     "OrvaneKestrelStudio"},
-    {"ProLibrary",
-     {"libtrovpro.dylib"},
-     1,
-     1,
-     "Orvane Kestrel Studio",
-     "OrvaneKestrelMacStudio",
-     "OrvaneKestrelStudio"},
-    {"Vq20BeatsVq88",
-     {"vq20", "vq88"},
-     2,
-     2,
-     "Orvane Kestrel Extra",
-     "OrvaneKestrelMac",
-     "OrvaneKestrelExtra"},
-    {"Vq88BeatsVq56",
-     {"vq56", "vq88"},
-     0,
-     0,
-     "Orvane Kestrel Site",
-     "OrvaneKestrelMacStudio",
-     "OrvaneKestrelSite"},
-    {"LinuxLibraryNameIsNoMarker",
-     {"libtrovpro.so"},
-     2,
-     2,
-     "Orvane Kestrel Extra",
-     "OrvaneKestrelMac",
-     "OrvaneKestrelExtra"},
+    {"NoMarker", {}, 2},
+    {"Vq20", {"vq20"}, 2},
+    {"Vq88", {"vq88"}, 0},
+    {"Vq56", {"vq56"}, 1},
+    {"ProLibrary", {"libtrovpro.dylib"}, 1},
+    {"Vq20BeatsVq88", {"vq20", "vq88"}, 2},
+    {"Vq88BeatsVq56", {"vq56", "vq88"}, 0},
+    {"Vq56BeatsProLibrary", {"libtrovpro.dylib", "vq56"}, 1},
+    {"LinuxLibraryNameIsNoMarker", {"libtrovpro.so"}, 2},
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, EditionFromMarkers, ::testing::ValuesIn(kEditionRows),
@@ -348,6 +325,7 @@ TEST_F(VersionRun, StoresAreNamedByCompanyProductAndScope) {
 struct CrashRow {
   const char* name;
   const char* marker;  // null: none
+  int type;
   std::optional<bool> sMode;
   const char* expected;
 };
@@ -359,22 +337,18 @@ class CrashProductName : public VersionRun, public ::testing::WithParamInterface
 TEST_P(CrashProductName, DependsOnGroupAndSMode) {
   const CrashRow& row = GetParam();
   if (row.marker) addMarker(row.marker);
-  if (row.sMode) {
-    const QString product = QString::fromLatin1(
-        row.marker == nullptr
-            ? "OrvaneKestrelExtra"
-            : (QByteArray(row.marker) == "vq88" ? "OrvaneKestrelSite" : "OrvaneKestrelStudio"));
-    writeUserStore(product, QStringLiteral("SMode"), *row.sMode);
-  }
+  if (row.sMode)
+    writeUserStore(QString::fromLatin1(kEditions[row.type].product), QStringLiteral("SMode"),
+                   *row.sMode);
   EXPECT_EQ(VersionInfo::getProductNameForCrash(), QString::fromLatin1(row.expected));
 }
 
 const CrashRow kCrashRows[] = {
-    {"ExtraSModeDefault", nullptr, std::nullopt, "Orvane Kestrel Linux"},
-    {"ExtraSModeTrue", nullptr, true, "Orvane Kestrel Linux"},
-    {"ExtraSModeFalse", nullptr, false, "Orvane Kestrel Extra Linux"},
-    {"SiteIgnoresSMode", "vq88", std::nullopt, "Orvane Kestrel Site Linux"},
-    {"StudioIgnoresSMode", "vq56", true, "Orvane Kestrel Studio Linux"},
+    {"ExtraSModeDefault", nullptr, 2, std::nullopt, "Orvane Kestrel Linux"},
+    {"ExtraSModeTrue", nullptr, 2, true, "Orvane Kestrel Linux"},
+    {"ExtraSModeFalse", nullptr, 2, false, "Orvane Kestrel Extra Linux"},
+    {"SiteIgnoresSMode", "vq88", 0, std::nullopt, "Orvane Kestrel Site Linux"},
+    {"StudioIgnoresSMode", "vq56", 1, true, "Orvane Kestrel Studio Linux"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, CrashProductName, ::testing::ValuesIn(kCrashRows),

@@ -43,6 +43,7 @@ const ParseRow kParseRows[] = {
     {"Signs", "-1.+2.-0.4", 4, {-1, 2, 0, 4}},
     {"SignWithoutDigit", "+.1", 0, {0, 0, 0, 0}},
     {"EmptyPartStops", "1..2", 1, {1, 0, 0, 0}},
+    {"CommaIsNoSeparator", "1,2", 1, {1, 0, 0, 0}},
     {"TrailingDot", "7.", 1, {7, 0, 0, 0}},
     {"LetterFirst", "a.1", 0, {0, 0, 0, 0}},
     {"FifthPartIgnored", "1.2.3.4.5", 4, {1, 2, 3, 4}},
