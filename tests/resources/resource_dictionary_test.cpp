@@ -54,6 +54,8 @@ const LineRow kLineRows[] = {
     {"EmptyBracketsSkipped", "<> <a> <> <b>", true, "a", "b", ""},
     // Only white space inside: the last white-space character is the field.
     {"BlankFieldIsItsLastSpace", "<  > <x>", true, " ", "x", ""},
+    // White space is Unicode white space (here EM SPACE and NO-BREAK SPACE).
+    {"UnicodeSpaceAfterOpening", "<\u2003title> <\u00a0Globe>", true, "title", "Globe", ""},
     {"NonAscii", "<titre> <Globe terrestre \u00e9t\u00e9> <fr>", true, "titre",
      "Globe terrestre \u00e9t\u00e9", "fr"},
 };
