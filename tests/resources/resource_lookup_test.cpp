@@ -90,17 +90,6 @@ const OrderRow kOrderRows[] = {
 INSTANTIATE_TEST_SUITE_P(Locales, SearchOrder, ::testing::ValuesIn(kOrderRows),
                          [](const auto& row) { return std::string(row.param.name); });
 
-// Folders of other languages, or of a region the locale lacks, are never
-// looked at; the base copy is what remains.
-TEST_F(ResourceFolder, OtherLanguageFoldersAreSkipped) {
-  System::setCurrentLocale(LanguageCode("fr_CA"));
-  put("fr-FR.lproj/banner.png");
-  put("en.lproj/banner.png");
-  put("fr_FR.lproj/banner.png");
-  const QString base = put("banner.png");
-  EXPECT_EQ(BinRes::GetResourcePath("png", "banner"), base);
-}
-
 // Name and type are lower-cased before the search; the folder tag is not.
 TEST_F(ResourceFolder, UpperCaseNameAndTypeAreLowerCased) {
   System::setCurrentLocale(LanguageCode("en_US"));
@@ -140,17 +129,6 @@ TEST_F(ResourceFolder, RegionEmphasisCompletesBareLanguageFromUserLocale) {
   EXPECT_EQ(BinRes::GetResourcePathWithRegionEmphasis("png", "back"), language);
 }
 
-// The region emphasis searches below the install path, not the folder of the
-// running program, and a region already present is kept.
-TEST_F(ResourceFolder, RegionEmphasisUsesInstallPathAndKeepsExplicitRegion) {
-  System::setCurrentLocale(LanguageCode("en_AU"));
-  const ScopedEnv all("LC_ALL", "en_GB.UTF-8");
-  put("en-GB.lproj/stop.png");
-  const QString path = put("en_AU.lproj/stop.png");
-  EXPECT_EQ(BinRes::GetResourcePathWithRegionEmphasis("png", "stop"), path);
-  EXPECT_TRUE(path.startsWith(System::getInstallPath() + "../Resources/"));
-}
-
 TEST(ResourceIds, TableMapsIdsToNames) {
   EXPECT_EQ(FindResName(211), "dglogo");
   EXPECT_EQ(FindResName(887), "orvanelogo");
@@ -162,19 +140,6 @@ TEST(ResourceIds, TableMapsIdsToNames) {
   EXPECT_EQ(FindResName(521), "cursor_hand_open");
   for (int unknown : {0, -1, 212, 999, 0x7fffffff}) {
     EXPECT_TRUE(FindResName(unknown).isNull()) << unknown;
-  }
-}
-
-// Every id but 252 and 521 names a file of its own.
-TEST(ResourceIds, OnlyTheCursorIdsShareAName) {
-  for (const ResIDName& a : resIDNameMap) {
-    for (const ResIDName& b : resIDNameMap) {
-      if (&a == &b) continue;
-      EXPECT_NE(a.id, b.id);
-      if (QLatin1String(a.name) == QLatin1String(b.name)) {
-        EXPECT_TRUE((a.id == 252 && b.id == 521) || (a.id == 521 && b.id == 252)) << a.name;
-      }
-    }
   }
 }
 
