@@ -38,6 +38,8 @@
 
 #include <QString>
 
+#include <cstddef>
+
 namespace kestrel {
 
 // One element of a tree. Children form a doubly linked sibling list reached
@@ -66,6 +68,15 @@ class KESTREL_EXPORT XmlNode {
   XmlNode(const XmlNode&) = delete;
   XmlNode& operator=(const XmlNode&) = delete;
 
+  // Nodes are created with `new` and freed with `delete` (or live on the
+  // stack). The reader places its nodes side by side in blocks of a few
+  // hundred, and this pair lets `delete` free a node from either source; a
+  // block is released with the last of its nodes, so a node kept after the
+  // rest of its tree is freed keeps its block (32 KiB) alive. A node must not
+  // be created by a global `::new` and then freed by `delete`.
+  static void* operator new(std::size_t size);
+  static void operator delete(void* node) noexcept;
+
   // Element name as the document spells it.
   QString name;
   // kElement for every node the reader builds.
@@ -77,6 +88,9 @@ class KESTREL_EXPORT XmlNode {
   XmlNode* nextSibling = nullptr;
   // The element's text, white space stripped at both ends; null until the
   // element has ended, empty (not null) for an ended element without text.
+  // The reader stores short values of a tree side by side in shared blocks
+  // (8 KiB), so a copy of a value kept after the tree is gone keeps its
+  // block alive; the values behave as independent strings.
   QString value;
 };
 

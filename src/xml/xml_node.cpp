@@ -1,6 +1,8 @@
 // XmlNode, XmlPathFinder and XmlTree: the tree and lookups by path.
 #include <kestrel/xml.h>
 
+#include "node_store.h"
+
 #include <QStringTokenizer>
 
 namespace kestrel {
@@ -18,6 +20,14 @@ XmlNode* childNamed(XmlNode* node, QStringView name) {
 }  // namespace
 
 XmlNode::XmlNode(const QString& name, qint32 kind) : name(name), kind(kind) {}
+
+void* XmlNode::operator new(std::size_t size) {
+  return xml::allocateSingleNode(size);
+}
+
+void XmlNode::operator delete(void* node) noexcept {
+  xml::releaseNode(node);
+}
 
 XmlNode::~XmlNode() {
   // Frees the subtree below without recursion, so that no depth can exhaust

@@ -1,6 +1,9 @@
 // XmlReader: builds a node tree from a whole document with expat.
 #include <kestrel/xml.h>
 
+#include "element_text.h"
+#include "node_store.h"
+
 #include <QCoreApplication>
 #include <QFile>
 
@@ -32,8 +35,12 @@ const char* const kTranslationContext = "kestrel::XmlReader";
 class NameCache {
  public:
   const QString& get(const char* utf8) {
-    const std::size_t length = std::strlen(utf8);
-    Entry& entry = entries_[hash(utf8, length) % entries_.size()];
+    // FNV-1a, computed while the terminator is sought.
+    std::size_t hash = 2166136261u;
+    std::size_t length = 0;
+    for (; utf8[length]; ++length)
+      hash = (hash ^ static_cast<unsigned char>(utf8[length])) * 16777619u;
+    Entry& entry = entries_[hash % entries_.size()];
     if (entry.utf8.size() != length || std::memcmp(entry.utf8.data(), utf8, length) != 0) {
       entry.utf8.assign(utf8, length);
       entry.name = QString::fromUtf8(utf8, static_cast<qsizetype>(length));
@@ -46,13 +53,6 @@ class NameCache {
     std::string utf8;
     QString name;
   };
-
-  static std::size_t hash(const char* text, std::size_t length) {
-    std::size_t h = 2166136261u;
-    for (std::size_t i = 0; i < length; ++i)
-      h = (h ^ static_cast<unsigned char>(text[i])) * 16777619u;
-    return h;
-  }
 
   std::array<Entry, 64> entries_;
 };
@@ -87,7 +87,7 @@ struct XmlReader::ParseState {
   static void XMLCALL startElement(void* user, const XML_Char* name, const XML_Char**) {
     auto* state = static_cast<ParseState*>(user);
     state->text.clear();  // text before a child element is not part of any value
-    auto* node = new XmlNode(state->names.get(name));
+    auto* node = ::new (state->nodes.allocate()) XmlNode(state->names.get(name));
     if (state->open.empty()) {
       state->reader.root = node;
     } else {
@@ -107,29 +107,9 @@ struct XmlReader::ParseState {
   static void XMLCALL endElement(void* user, const XML_Char*) {
     auto* state = static_cast<ParseState*>(user);
     if (state->open.empty()) return;
-    state->open.back().node->value = trimmedValue(state->text);
+    state->open.back().node->value = state->values.trimmed(state->text.data(), state->text.size());
     state->open.pop_back();
     state->text.clear();
-  }
-
-  // The text with white space stripped at both ends, as QString::trimmed
-  // strips it, but converting only what remains: ASCII white space is cut
-  // from the bytes, and QString does the rest only when a non-ASCII
-  // character (which might be Unicode white space) is left at an end. An
-  // ended element always has a value, if an empty one.
-  static QString trimmedValue(const std::string& text) {
-    const auto isAsciiSpace = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
-    std::size_t begin = 0;
-    std::size_t end = text.size();
-    while (begin < end && isAsciiSpace(text[begin])) ++begin;
-    while (end > begin && isAsciiSpace(text[end - 1])) --end;
-    if (begin == end) return QStringLiteral("");
-    QString value = QString::fromUtf8(text.data() + begin, static_cast<qsizetype>(end - begin));
-    if (static_cast<signed char>(text[begin]) < 0 || static_cast<signed char>(text[end - 1]) < 0) {
-      value = value.trimmed();
-      if (value.isEmpty()) return QStringLiteral("");
-    }
-    return value;
   }
 
   static void XMLCALL characters(void* user, const XML_Char* data, int length) {
@@ -165,6 +145,8 @@ struct XmlReader::ParseState {
   // UTF-8 character data gathered since the last element start or end.
   std::string text;
   NameCache names;
+  xml::NodeArena nodes;
+  xml::TextStore values;
 };
 
 XmlReader::XmlReader(const QString& fileName) {

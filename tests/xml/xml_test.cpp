@@ -11,6 +11,8 @@
 #include <cctype>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace kestrel {
 namespace {
@@ -88,6 +90,8 @@ const ValueRow kValueRows[] = {
     // Unicode white space (no-break space, em space) is stripped like ASCII white space.
     {"<r>\xc2\xa0 x y\xe2\x80\x83</r>", "r", "x y"},
     {"<r>\xc2\xa0</r>", "r", ""},
+    // Characters beyond 16 bits become surrogate pairs, also at the ends.
+    {"<r> \xf0\x9f\x98\x80 x\xf0\x90\x8d\x88 </r>", "r", "\xf0\x9f\x98\x80 x\xf0\x90\x8d\x88"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, XmlValue, testing::ValuesIn(kValueRows),
@@ -185,16 +189,28 @@ TEST(XmlReader, ChildrenAreLinkedBothWaysInDocumentOrder) {
   EXPECT_EQ(root->firstChild->firstChild, nullptr);
 }
 
-TEST(XmlReader, KeepsEveryNameAmongManyOfTheSameLength) {
+// Element names are cached by their bytes; names of one length, and a name
+// right after a longer one that starts with it, must not be taken for each
+// other.
+TEST(XmlReader, KeepsEveryNameAmongManySimilarOnes) {
+  std::vector<std::string> names;
+  for (int i = 0; i < 300; ++i) names.push_back("e" + std::to_string(1000 + i));
+  for (int i = 0; i < 1000; ++i) {
+    const std::string name = "p" + std::to_string(i);
+    names.push_back(name + "_" + std::to_string(i));
+    names.push_back(name);
+  }
   std::string document = "<r>";
-  for (int i = 0; i < 300; ++i) document += "<e" + std::to_string(1000 + i) + "/>";
+  for (const std::string& name : names) document += "<" + name + "/>";
   document += "</r>";
   auto reader = parseText(document);
   ASSERT_NE(reader->root, nullptr);
-  int i = 0;
-  for (XmlNode* child = reader->root->firstChild; child; child = child->nextSibling, ++i)
-    EXPECT_EQ(child->name, QStringLiteral("e%1").arg(1000 + i));
-  EXPECT_EQ(i, 300);
+  std::size_t i = 0;
+  for (XmlNode* child = reader->root->firstChild; child; child = child->nextSibling, ++i) {
+    ASSERT_LT(i, names.size());
+    EXPECT_EQ(child->name.toStdString(), names[i]);
+  }
+  EXPECT_EQ(i, names.size());
 }
 
 TEST(XmlReader, CopiesAreEmptyAndAssignmentKeepsTheTarget) {
@@ -261,6 +277,88 @@ TEST(XmlReader, HundredThousandNestedLevelsParseAndFree) {
   EXPECT_EQ(depth, kDepth - 1);
   EXPECT_EQ(node->value, QStringLiteral("deep"));
   reader.reset();  // frees every level without recursion
+}
+
+// Values are built in one pass from the parser's bytes and many of them share
+// storage; each must still equal what QString makes of the same text, be
+// terminated, and behave as a string of its own.
+TEST(XmlReader, ValuesEqualQStringsTrimmedTextAndStandAlone) {
+  // Pieces that cross the eight-byte ASCII runs, every UTF-8 length and
+  // ASCII and Unicode white space; lengths up to about 1500 bytes give short
+  // values (shared storage) and long ones (storage of their own).
+  const char* const pieces[] = {"a",
+                                "bcdefghijk",
+                                " ",
+                                "\t",
+                                "\n",
+                                "\xc2\xa0",
+                                "\xc3\xa9",
+                                "\xe6\x97\xa5",
+                                "\xe2\x80\x83",
+                                "\xf0\x9f\x98\x80"};
+  std::string document = "<r>";
+  std::vector<QString> expected;
+  unsigned seed = 12345;
+  for (int i = 0; i < 3000; ++i) {
+    std::string text;
+    const int count = i % 7 == 0 ? 300 : i % 40;
+    for (int k = 0; k < count; ++k) {
+      seed = seed * 1103515245u + 12345u;
+      text += pieces[(seed >> 16) % std::size(pieces)];
+    }
+    document += "<v>" + text + "</v>";
+    expected.push_back(QString::fromUtf8(text).trimmed());
+  }
+  document += "</r>";
+
+  auto reader = parseText(document);
+  ASSERT_FALSE(reader->getErrorsOccurred()) << reader->errorMessage.toStdString();
+  std::vector<QString> values;
+  for (XmlNode* node = reader->root->firstChild; node; node = node->nextSibling) {
+    ASSERT_LT(values.size(), expected.size());
+    ASSERT_EQ(node->value, expected[values.size()]) << "value " << values.size();
+    ASSERT_FALSE(node->value.isNull());
+    ASSERT_EQ(node->value.utf16()[node->value.size()], 0) << "value " << values.size();
+    values.push_back(node->value);
+  }
+  ASSERT_EQ(values.size(), expected.size());
+
+  // A change to one value leaves its neighbours alone, and values outlive
+  // the tree they came from.
+  XmlNode* first = reader->root->firstChild;
+  first->value.append(QStringLiteral("changed"));
+  first->value.prepend(QStringLiteral("changed"));
+  EXPECT_EQ(first->nextSibling->value, expected[1]);
+  reader.reset();
+  values[2].append(QStringLiteral("x"));
+  for (std::size_t i = 0; i < values.size(); ++i)
+    ASSERT_EQ(values[i], i == 2 ? expected[i] + QStringLiteral("x") : expected[i]) << i;
+}
+
+// Nodes of a parsed tree belong to their tree, not to the reader's storage:
+// a tree taken from its reader outlives it, and detached siblings are freed
+// one by one (the leak checker sees any node or block left behind).
+TEST(XmlReader, TreeTakenFromTheReaderOutlivesItAndFreesNodeByNode) {
+  std::string document = "<r>";
+  for (int i = 0; i < 2000; ++i) document += "<e>" + std::to_string(i) + "</e>";
+  document += "</r>";
+  auto reader = parseText(document);
+  ASSERT_NE(reader->root, nullptr);
+  XmlNode* root = std::exchange(reader->root, nullptr);
+  reader.reset();
+
+  XmlNode* detached = root->firstChild->nextSibling;
+  delete root->firstChild;  // detaches all later siblings from the root
+  EXPECT_EQ(root->firstChild, nullptr);
+  int i = 1;
+  while (detached) {
+    ASSERT_EQ(detached->value, QString::number(i++));
+    XmlNode* next = detached->nextSibling;
+    delete detached;
+    detached = next;
+  }
+  EXPECT_EQ(i, 2000);
+  delete root;  // last: each detached node still names it as its parent
 }
 
 // Parent p with children a, b, c (b has a child of its own), linked by hand.
