@@ -1,28 +1,17 @@
 // `kestrel-info status`: the words it accepts and what it prints for them.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <cstdio>
 #include <string>
+
+#include "tool_run.h"
 
 namespace {
 
-struct ToolRun {
-  int exitCode;
-  std::string output;  // standard output and standard error together
-};
+using kestrel_test::ToolRun;
 
 ToolRun runStatus(const std::string& args) {
-  const std::string command = "'" KESTREL_INFO_BIN "' status " + args + " 2>&1";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return {-1, {}};
-  ToolRun run{-1, {}};
-  char buffer[512];
-  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, n);
-  const int status = pclose(pipe);
-  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+  const std::string command = "'" KESTREL_INFO_BIN "' status " + args;
+  return kestrel_test::runTool(command);
 }
 
 TEST(KestrelInfoStatus, DecodesWordsGivenInHexOrDecimalAndExplainsItself) {

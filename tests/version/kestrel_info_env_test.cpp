@@ -5,17 +5,13 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <cstdio>
 #include <string>
+
+#include "tool_run.h"
 
 namespace {
 
-struct ToolRun {
-  int exitCode;
-  std::string output;  // standard output and standard error together
-};
+using kestrel_test::ToolRun;
 
 // Runs the tool with its configuration folders in home and a fixed locale.
 ToolRun runEnv(const QTemporaryDir& home, const std::string& args) {
@@ -23,15 +19,8 @@ ToolRun runEnv(const QTemporaryDir& home, const std::string& args) {
   const std::string command = "env HOME='" + dir + "' XDG_CONFIG_HOME='" + dir +
                               "/config' LANGUAGE=fr_CA:fr LC_ALL= LC_MESSAGES= "
                               "LANG=de_DE.UTF-8 '" KESTREL_INFO_BIN "' env " +
-                              args + " 2>&1";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return {-1, {}};
-  ToolRun run{-1, {}};
-  char buffer[512];
-  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, n);
-  const int status = pclose(pipe);
-  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+                              args;
+  return kestrel_test::runTool(command);
 }
 
 bool appearInOrder(const std::string& text, std::initializer_list<const char*> parts) {

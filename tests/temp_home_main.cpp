@@ -1,6 +1,6 @@
-// Runs the locale tests with the user's configuration folders inside a
-// temporary folder, set before anything opens a settings store (the store
-// keeps the folder it saw first).
+// Runs a family's tests with the user's configuration folders inside a
+// temporary folder, set before anything opens a settings store (a store
+// keeps the folder it saw first); fixtures may point stores elsewhere.
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
