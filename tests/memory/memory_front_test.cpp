@@ -98,17 +98,9 @@ TEST(MemoryFront, SystemAndNullBlocksIgnoreTheManagerArgument) {
   EXPECT_EQ(own.manager->getAllocatedSize(), 0u);
 }
 
-TEST(MemoryFront, ManagerBlockCarriesItsHeader) {
-  OwnPool own;
-  void* block = kestrel::doNew(100, own.manager);
-  auto* header = static_cast<unsigned long*>(block) - 2;
-  EXPECT_EQ(reinterpret_cast<MemoryManager*>(header[0]), own.manager);
-  EXPECT_EQ(header[1], 100u);
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignof(std::max_align_t), 0u);
-  kestrel::Free(block);
-}
-
-TEST(MemoryFront, RequestOfNCountsN) {
+// A manager block is preceded by a header naming its manager and the size
+// asked for, and stays aligned for any type.
+TEST(MemoryFront, ManagerBlockCarriesItsHeaderAndARequestOfNCountsN) {
   OwnPool own;
   const PoolCounters before;
   void* a = kestrel::doNew(100, own.manager);
@@ -117,7 +109,12 @@ TEST(MemoryFront, RequestOfNCountsN) {
   EXPECT_EQ(own.pool->getAllocatedMemory(), 110u);
   EXPECT_EQ(MemInfo::getPoolBytes() - before.bytes, 110u);
   EXPECT_EQ(MemInfo::getPoolAllocs() - before.allocs, 2u);
-  EXPECT_EQ(static_cast<unsigned long*>(b)[-1], 10u);
+  for (void* block : {a, b}) {
+    const auto* header = static_cast<unsigned long*>(block) - 2;
+    EXPECT_EQ(reinterpret_cast<MemoryManager*>(header[0]), own.manager);
+    EXPECT_EQ(header[1], block == a ? 100u : 10u);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignof(std::max_align_t), 0u);
+  }
   kestrel::Free(a);
   kestrel::Free(b);
   EXPECT_EQ(MemInfo::getPoolBytes(), before.bytes);
