@@ -316,6 +316,15 @@ TEST_F(CacheFixture, ObserversLinkAtTheFrontAndReportOnlyWhileReclaimable) {
   EXPECT_EQ(a.nextInCache(), &b);
   b.setIsReclaimable(false);  // unlinks from the middle of the list
   EXPECT_EQ(a.nextInCache(), nullptr);
+  // Unlinking from the middle must leave the neighbours linked both ways:
+  // the last observer is then unlinked through its new predecessor.
+  FrameCache c(3);            // c -> a
+  b.setIsReclaimable(true);   // b -> c -> a
+  c.setIsReclaimable(false);  // b -> a
+  EXPECT_EQ(b.nextInCache(), &a);
+  a.setIsReclaimable(false);  // b
+  EXPECT_EQ(b.nextInCache(), nullptr);
+  EXPECT_EQ(cache.head, &b);
 }
 
 TEST_F(CacheFixture, WithoutAGlobalCacheOnlyTheFlagChanges) {

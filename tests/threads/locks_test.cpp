@@ -164,6 +164,31 @@ TEST(Conditional, WaitsReleaseTheWholeHoldAndRestoreIt) {
   expectHeldLevels(lock, 2);
 }
 
+TEST(Conditional, BroadcastWakesEveryWaiter) {
+  SpinLock lock;
+  Conditional cond;
+  constexpr int kWaiters = 3;
+  int waiting = 0;
+  std::atomic<int> woken{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < kWaiters; ++i) {
+    waiters.emplace_back([&] {
+      CSMutex hold(lock);
+      ++waiting;
+      if (cond.timedwait(lock, 2000) == 0) ++woken;  // a lost wake-up times out
+    });
+  }
+  for (;;) {  // every waiter is inside its wait once the count is full
+    CSMutex hold(lock);
+    if (waiting == kWaiters) {
+      EXPECT_EQ(cond.broadcast(), 0);
+      break;
+    }
+  }
+  for (std::thread& t : waiters) t.join();
+  EXPECT_EQ(woken.load(), kWaiters);
+}
+
 TEST(Conditional, DeadlineCarriesMicrosecondsAndKeepsTheThirtyTwoBitSum) {
   // now (s, us), timeout (ms) -> deadline (s, ns)
   const std::int64_t cases[][5] = {
