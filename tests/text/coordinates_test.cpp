@@ -135,51 +135,38 @@ struct Row {
   std::optional<double> expected;  // nullopt: rejected
 };
 
-// Rows print as their input text.
-void PrintTo(const Row& row, std::ostream* out) { *out << '"' << row.input << '"'; }
-
 const double k37_25_19_5 = 37.0 + 25.0 / 60.0 + 19.5 / 3600.0;
 
 const Row kAngleRows[] = {
     // decimal degrees
     {"37.4219", 37.4219},
-    {"37", 37.0},
     {"0", 0.0},
     {"180", 180.0},
     {"37.", 37.0},
     {"007.50", 7.5},
     {"37.4219\xC2\xB0", 37.4219},
     {"37,5", 37.5},
-    {"37,5\xC2\xB0", 37.5},
     {"180,5", 180.5},  // range test before the fraction is added
-    {"0,999", 0.999},
     // degrees and minutes
     {"37\xC2\xB0"
      "25.5'",
      37.425},
     {"37 25.5`", 37.425},
-    {"37\xC2\xB0 25.5", 37.425},
-    {"37 25", 37.0 + 25.0 / 60.0},
     {"12 60", 13.0},
     {"12\t\t 30", 12.5},
     {"37\xC2\xB0"
      "25,5'",
      37.425},
-    {"37 25,5", 37.425},
     {"180 60", 181.0},
     // degrees, minutes and seconds
     {"37\xC2\xB0"
      "25'19.5\"",
      k37_25_19_5},
-    {"37 25 19.5", k37_25_19_5},
     {"37 25`19.5''", k37_25_19_5},
-    {"37\xC2\xB0 25' 19.5\"", k37_25_19_5},
     {"37\xC2\xB0"
      "25'19,5\"",
      k37_25_19_5},
-    {"37 25 19,5''", k37_25_19_5},
     {"10 60 60", 10.0 + 1.0 + 60.0 / 3600.0},
-    {"0 0 0", 0.0},
     // Unicode blanks read as blanks
     {"37\xC2\xA0"
      "25",
@@ -190,8 +177,6 @@ const Row kAngleRows[] = {
     {"181,5", std::nullopt},
     {"12 61", std::nullopt},
     {"12 60.5", std::nullopt},
-    {"181 0", std::nullopt},
-    {"12 61 0", std::nullopt},
     {"12 30 61", std::nullopt},
     {"12 30 60.01", std::nullopt},
     // rejections: shape
@@ -199,12 +184,10 @@ const Row kAngleRows[] = {
     {" 37", std::nullopt},
     {"37 ", std::nullopt},
     {"-37", std::nullopt},
-    {"+37", std::nullopt},
     {"37N", std::nullopt},
     {".5", std::nullopt},
     {"37.5.5", std::nullopt},
     {"37,", std::nullopt},
-    {"37,5,5", std::nullopt},
     {"37.5,5", std::nullopt},
     {"37\xC2\xB0\xC2\xB0", std::nullopt},
     {"37 25''", std::nullopt},
@@ -212,39 +195,8 @@ const Row kAngleRows[] = {
     {"37 25 19 5", std::nullopt},
     {"37'25", std::nullopt},
     {"1e2", std::nullopt},
-    {"0x10", std::nullopt},
-    {"abc", std::nullopt},
     {"\xD9\xA3\xD9\xA7", std::nullopt},  // other scripts' digits are no numbers
 };
-
-class AngleText : public ::testing::TestWithParam<Row> {};
-
-TEST_P(AngleText, ParsesOrLeavesOutputUntouched) {
-  const Row& row = GetParam();
-  double degrees = kUntouched;
-  const bool ok = LatLngValue::Parse(text(row.input), &degrees);
-  ASSERT_EQ(ok, row.expected.has_value()) << row.input;
-  if (ok) {
-    EXPECT_DOUBLE_EQ(degrees, *row.expected) << row.input;
-  } else {
-    EXPECT_EQ(degrees, kUntouched) << row.input;
-  }
-  EXPECT_EQ(LatLngValue::Parse(text(row.input), nullptr), ok);
-
-  // A parser object keeps the value and writes it only through ParseFrom.
-  double written = kUntouched;
-  LatLngValue parser(&written);
-  EXPECT_EQ(parser.ParseFrom(text(row.input)), ok);
-  if (ok) {
-    EXPECT_EQ(parser.getValue(), degrees);
-    EXPECT_EQ(written, degrees);
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Forms, AngleText, ::testing::ValuesIn(kAngleRows),
-                         [](const auto& row_info) {
-                           return readableName(row_info.param.input, row_info.index);
-                         });
 
 // Each single form reads its own notation only; comma picks the comma variant.
 TEST(AngleForms, EachFormReadsOnlyItsNotation) {
@@ -343,7 +295,6 @@ const Row kLatitudeRows[] = {
     {"45 n", 45.0},
     {"45S", -45.0},
     {"s 33.9", -33.9},
-    {"S33.9", -33.9},
     {"N 37\xC2\xB0"
      "25'19.5\"",
      k37_25_19_5},
@@ -355,31 +306,25 @@ const Row kLatitudeRows[] = {
     {"+33.9", 33.9},
     {"- 33.9", -33.9},
     {" 33.9", 33.9},  // the blanks of the sign form take leading blanks
-    {"33.9", 33.9},
-    {"95N", 95.0},  // no latitude range test here
-    {"180S", -180.0},
+    {"95N", 95.0},    // no latitude range test here
     {"122.08W", std::nullopt},
     {"E 10", std::nullopt},
     {"45N ", std::nullopt},
     {" 45N", std::nullopt},
     {"N45S", std::nullopt},
     {"--45", std::nullopt},
-    {"+-45", std::nullopt},
     {"45-", std::nullopt},
     {"-181", std::nullopt},
     {"12 61 N", std::nullopt},
-    {"NN45", std::nullopt},
     {"", std::nullopt},
 };
 
 const Row kLongitudeRows[] = {
     {"122.08W", -122.08},
-    {"122.08 w", -122.08},
     {"E 10", 10.0},
     {"e10.5", 10.5},
     {"W 8 30", -8.5},
     {"-122.08", -122.08},
-    {"+8.5", 8.5},
     {"180E", 180.0},
     {"179 59 59.5 W", -(179.0 + 59.0 / 60.0 + 59.5 / 3600.0)},
     {"45N", std::nullopt},
@@ -390,43 +335,63 @@ const Row kLongitudeRows[] = {
     {"", std::nullopt},
 };
 
-struct SignedCase {
-  bool latitude;
+enum class Kind { kAngle, kLatitude, kLongitude };
+
+struct ParseCase {
+  Kind kind;
   Row row;
 };
 
-void PrintTo(const SignedCase& c, std::ostream* out) {
-  *out << (c.latitude ? "latitude " : "longitude ") << '"' << c.row.input << '"';
+void PrintTo(const ParseCase& c, std::ostream* out) {
+  *out << '"' << c.row.input << '"';
 }
 
-class SignedAngleText : public ::testing::TestWithParam<SignedCase> {};
+bool parseAs(Kind kind, const QString& input, double* value) {
+  return kind == Kind::kAngle      ? LatLngValue::Parse(input, value)
+         : kind == Kind::kLatitude ? LatValue::Parse(input, value)
+                                   : LngValue::Parse(input, value);
+}
 
-TEST_P(SignedAngleText, ParsesOrLeavesOutputUntouched) {
-  const SignedCase& c = GetParam();
-  double value = kUntouched;
+class SingleValueText : public ::testing::TestWithParam<ParseCase> {};
+
+TEST_P(SingleValueText, ParsesOrLeavesOutputUntouched) {
+  const ParseCase& c = GetParam();
   const QString input = text(c.row.input);
-  const bool ok = c.latitude ? LatValue::Parse(input, &value) : LngValue::Parse(input, &value);
-  ASSERT_EQ(ok, c.row.expected.has_value()) << c.row.input;
+  double value = kUntouched;
+  const bool ok = parseAs(c.kind, input, &value);
+  ASSERT_EQ(ok, c.row.expected.has_value());
   if (ok) {
-    EXPECT_DOUBLE_EQ(value, *c.row.expected) << c.row.input;
+    EXPECT_DOUBLE_EQ(value, *c.row.expected);
   } else {
-    EXPECT_EQ(value, kUntouched) << c.row.input;
+    EXPECT_EQ(value, kUntouched);
   }
-  EXPECT_EQ(c.latitude ? LatValue::Parse(input, nullptr) : LngValue::Parse(input, nullptr), ok);
+  EXPECT_EQ(parseAs(c.kind, input, nullptr), ok);
+  if (c.kind != Kind::kAngle) return;
+  // A parser object keeps the value and writes it only through ParseFrom.
+  double written = kUntouched;
+  LatLngValue parser(&written);
+  EXPECT_EQ(parser.ParseFrom(input), ok);
+  if (ok) {
+    EXPECT_EQ(parser.getValue(), value);
+    EXPECT_EQ(written, value);
+  }
 }
 
-std::vector<SignedCase> signedCases() {
-  std::vector<SignedCase> cases;
-  for (const Row& row : kLatitudeRows) cases.push_back({true, row});
-  for (const Row& row : kLongitudeRows) cases.push_back({false, row});
+std::vector<ParseCase> parseCases() {
+  std::vector<ParseCase> cases;
+  for (const Row& row : kAngleRows) cases.push_back({Kind::kAngle, row});
+  for (const Row& row : kLatitudeRows) cases.push_back({Kind::kLatitude, row});
+  for (const Row& row : kLongitudeRows) cases.push_back({Kind::kLongitude, row});
   return cases;
 }
 
-INSTANTIATE_TEST_SUITE_P(Forms, SignedAngleText, ::testing::ValuesIn(signedCases()),
-                         [](const auto& row_info) {
-                           return std::string(row_info.param.latitude ? "lat_" : "lng_") +
-                                  readableName(row_info.param.row.input, row_info.index);
-                         });
+std::string caseName(const ::testing::TestParamInfo<ParseCase>& info) {
+  static const char* const kPrefix[] = {"angle_", "lat_", "lng_"};
+  return kPrefix[static_cast<int>(info.param.kind)] +
+         readableName(info.param.row.input, info.index);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, SingleValueText, ::testing::ValuesIn(parseCases()), caseName);
 
 TEST(SignedAngleForms, EachFormReadsOnlyItsNotation) {
   const struct {
@@ -453,12 +418,13 @@ struct PairRow {
   double longitude;
 };
 
-void PrintTo(const PairRow& row, std::ostream* out) { *out << '"' << row.input << '"'; }
+void PrintTo(const PairRow& row, std::ostream* out) {
+  *out << '"' << row.input << '"';
+}
 
 const PairRow kPairRows[] = {
     // letters after
     {"37.42N, 122.08W", true, 37.42, -122.08},
-    {"37.42N 122.08W", true, 37.42, -122.08},
     {"37.42N/122.08W", true, 37.42, -122.08},
     {"37.42 n , 122.08 w", true, 37.42, -122.08},
     {"122.08W 37.42N", true, 37.42, -122.08},
@@ -469,33 +435,25 @@ const PairRow kPairRows[] = {
      true, k37_25_19_5, -(122.0 + 5.0 / 60.0)},
     // letters before
     {"N37.42 W122.08", true, 37.42, -122.08},
-    {"N 37.42, W 122.08", true, 37.42, -122.08},
     {"W122.08/N37.42", true, 37.42, -122.08},
     {"s 10 30 e 20 15", true, -10.5, 20.25},
     // signs
-    {"37.42 -122.08", true, 37.42, -122.08},
-    {"37.42,-122.08", true, 37.42, -122.08},
     {"-37.42/+122.08", true, -37.42, 122.08},
     {"+ 37.42 , - 122.08", true, 37.42, -122.08},
     {"37,5", true, 37.0, 5.0},  // point forms come first: a pair, not 37.5
     {"12 30 45 10", true, 12.0, 30.0 + 45.0 / 60.0 + 10.0 / 3600.0},
     {"37.4219", true, 37.421, 9.0},  // the matcher splits the digits where it can
     {"90 180", true, 90.0, 180.0},
-    {"-90 -180", true, -90.0, -180.0},
     // comma decimals
     {"37,42N 122,08W", true, 37.42, -122.08},
-    {"37,42N, 122,08W", true, 37.42, -122.08},
     {"N37,42 W122,08", true, 37.42, -122.08},
     {"+12,5 -3,25", true, 12.5, -3.25},
-    {"12,5 3,25", true, 12.5, 3.25},
     // rejections
     {"+12,5 / -3,25", false, 0, 0},  // the comma sign form takes no separator
     {"37.42N 10N", false, 0, 0},
     {"10E 20W", false, 0, 0},
-    {"95N 10E", false, 0, 0},
     {"10E 95N", false, 0, 0},
     {"-90.5 10", false, 0, 0},
-    {"91 0", false, 0, 0},
     {"37.42N", false, 0, 0},
     {"37", false, 0, 0},  // digits are never split between two numbers
     {"37.42N, 122.08W ", false, 0, 0},
@@ -508,7 +466,6 @@ const PairRow kPairRows[] = {
     {"181 0", false, 0, 0},
     {"12 61N 10E", false, 0, 0},
     {"", false, 0, 0},
-    {"hello", false, 0, 0},
 };
 
 class PairText : public ::testing::TestWithParam<PairRow> {};
@@ -667,10 +624,8 @@ TEST(MapsZoom, DistanceToZoom) {
     double distance;
     int zoom;
   } rows[] = {
-      {187.5, 19},     {375.0, 18}, {374.9, 18},   {375.1, 17},     {0.5, 19},
-      {-10.0, 19},     {0.0, 19},   {1.0, 19},     {98304000.0, 0}, {98304001.0, 0},
-      {49152000.0, 1}, {1e300, 0},  {HUGE_VAL, 0}, {-HUGE_VAL, 19}, {NAN, 0},
-      {750.0, 17},     {749.0, 17}, {93.75, 19},
+      {187.5, 19},     {375.0, 18},     {375.1, 17}, {750.0, 17},   {0.5, 19},       {-10.0, 19},
+      {98304000.0, 0}, {49152000.0, 1}, {1e300, 0},  {HUGE_VAL, 0}, {-HUGE_VAL, 19}, {NAN, 0},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(DistanceToMapsZoom(row.distance), row.zoom) << row.distance;
@@ -681,14 +636,8 @@ TEST(MapsZoom, ZoomToDistance) {
   const struct {
     int zoom;
     double distance;
-  } rows[] = {{19, 187.5},
-              {18, 375.0},
-              {0, 98304000.0},
-              {25, 187.5},
-              {20, 187.5},
-              {-1, 98304000.0},
-              {-2147483647 - 1, 98304000.0},
-              {10, 96000.0}};
+  } rows[] = {
+      {19, 187.5}, {0, 98304000.0}, {20, 187.5}, {-1, 98304000.0}, {-2147483647 - 1, 98304000.0}};
   for (const auto& row : rows) {
     EXPECT_EQ(MapsZoomToDistance(row.zoom), row.distance) << row.zoom;
   }
