@@ -13,13 +13,14 @@ namespace {
 
 using kestrel_test::ToolRun;
 
-// Runs the tool with its configuration folders in home and a fixed locale.
-ToolRun runEnv(const QTemporaryDir& home, const std::string& args) {
+// Runs `kestrel-info <words>` with its configuration folders in home and a
+// fixed locale.
+ToolRun runInfo(const QTemporaryDir& home, const std::string& words) {
   const std::string dir = home.path().toStdString();
   const std::string command = "env HOME='" + dir + "' XDG_CONFIG_HOME='" + dir +
                               "/config' LANGUAGE=fr_CA:fr LC_ALL= LC_MESSAGES= "
-                              "LANG=de_DE.UTF-8 '" KESTREL_INFO_BIN "' env " +
-                              args;
+                              "LANG=de_DE.UTF-8 '" KESTREL_INFO_BIN "' " +
+                              words;
   return kestrel_test::runTool(command);
 }
 
@@ -36,7 +37,7 @@ bool appearInOrder(const std::string& text, std::initializer_list<const char*> p
 TEST(KestrelInfoEnv, FirstRunIsRecordedAndSecondRunSeesIt) {
   QTemporaryDir home;
   ASSERT_TRUE(home.isValid());
-  const ToolRun first = runEnv(home, "");
+  const ToolRun first = runInfo(home, "env");
   ASSERT_EQ(first.exitCode, 0) << first.output;
   EXPECT_TRUE(appearInOrder(
       first.output, {"display name", "Orvane Kestrel Extra", "crash product name",
@@ -49,7 +50,7 @@ TEST(KestrelInfoEnv, FirstRunIsRecordedAndSecondRunSeesIt) {
       << first.output;
   EXPECT_TRUE(QFile::exists(home.path() + "/config/Orvane/OrvaneKestrelExtra.conf"));
 
-  const ToolRun second = runEnv(home, "");
+  const ToolRun second = runInfo(home, "env");
   ASSERT_EQ(second.exitCode, 0) << second.output;
   EXPECT_TRUE(appearInOrder(second.output, {"new version", "no", "last version", "4.1.7076.4458"}))
       << second.output;
@@ -58,13 +59,22 @@ TEST(KestrelInfoEnv, FirstRunIsRecordedAndSecondRunSeesIt) {
 TEST(KestrelInfoEnv, HelpWarnsAboutWritesAndUnknownOptionIsUsageError) {
   QTemporaryDir home;
   ASSERT_TRUE(home.isValid());
-  const ToolRun help = runEnv(home, "--help");
+  const ToolRun help = runInfo(home, "env --help");
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_NE(help.output.find("record this version"), std::string::npos) << help.output;
-  const ToolRun bad = runEnv(home, "--bogus");
+  const ToolRun bad = runInfo(home, "env --bogus");
   EXPECT_EQ(bad.exitCode, 2);
   EXPECT_NE(bad.output.find("unknown option"), std::string::npos) << bad.output;
   EXPECT_FALSE(QFile::exists(home.path() + "/config/Orvane/OrvaneKestrelExtra.conf"));
+}
+
+TEST(KestrelInfoEnv, TheTourLeavesTheUsersSettingsAlone) {
+  QTemporaryDir home;
+  ASSERT_TRUE(home.isValid());
+  const ToolRun tour = runInfo(home, "tour");
+  ASSERT_EQ(tour.exitCode, 0) << tour.output;
+  EXPECT_TRUE(appearInOrder(tour.output, {"== env", "new version", "yes"})) << tour.output;
+  EXPECT_FALSE(QFile::exists(home.path() + "/config/Orvane")) << tour.output;
 }
 
 }  // namespace

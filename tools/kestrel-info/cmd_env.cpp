@@ -6,6 +6,9 @@
 #include <kestrel/system.h>
 #include <kestrel/version.h>
 
+#include <QSettings>
+#include <QTemporaryDir>
+
 namespace kestrel::info {
 namespace {
 
@@ -103,6 +106,18 @@ int runEnv(const QStringList& args, QTextStream& out, QTextStream& err) {
   return 0;
 }
 
+// The tour keeps the first-run records in a temporary folder, so that the
+// demonstration leaves the user's settings as they were.
+void tourEnv(QTextStream& out) {
+  QTemporaryDir userSettings;
+  if (userSettings.isValid())
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, userSettings.path());
+  printEdition(out);
+  printVersion(out);
+  printFirstRun(out);
+  printLanguages(out);
+}
+
 const Command kEnv{"env",
                    "shows the edition, version, first-run facts, languages and resource folders",
                    "env\n"
@@ -116,7 +131,9 @@ const Command kEnv{"env",
                    "  Note: like the application's start-up, it runs the first-run checks,\n"
                    "  which record this version and OS family in the user's settings\n"
                    "  ($XDG_CONFIG_HOME/Orvane/<product>.conf, by default under ~/.config).\n",
-                   runEnv};
+                   runEnv,
+                   tourEnv,
+                   70};
 
 }  // namespace
 
