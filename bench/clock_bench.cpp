@@ -35,13 +35,9 @@ BENCHMARK(BM_ClockGettimeMonotonic);
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  kestrel::bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-
-  std::printf("\nSystem::getTime / clock_gettime(CLOCK_MONOTONIC), CPU time\n");
-  reporter.printRatio("BM_SystemGetTime", "BM_ClockGettimeMonotonic", 1.5);
-  return 0;
+  return kestrel::bench::runWithRatios(
+      argc, argv, [](const kestrel::bench::RatioReporter& reporter) {
+        std::printf("\nSystem::getTime / clock_gettime(CLOCK_MONOTONIC), CPU time\n");
+        reporter.printRatio("BM_SystemGetTime", "BM_ClockGettimeMonotonic", 1.5);
+      });
 }

@@ -96,14 +96,10 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  kestrel::bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-
-  // Parsing at least as fast as the peer is a time ratio of at most 1.
-  std::printf("\nLatLngPair::Parse / GeographicLib DMS::DecodeLatLon, CPU time\n");
-  reporter.printRatio("BM_KestrelPair", "BM_GeographicLibDecodeLatLon", 1.0);
-  return 0;
+  return kestrel::bench::runWithRatios(
+      argc, argv, [](const kestrel::bench::RatioReporter& reporter) {
+        // Parsing at least as fast as the peer is a time ratio of at most 1.
+        std::printf("\nLatLngPair::Parse / GeographicLib DMS::DecodeLatLon, CPU time\n");
+        reporter.printRatio("BM_KestrelPair", "BM_GeographicLibDecodeLatLon", 1.0);
+      });
 }

@@ -101,16 +101,12 @@ void printRatio(const kestrel::bench::RatioReporter& r, const char* what, double
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  kestrel::bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-
-  // At least twice as fast as QDateTime is a time ratio of at most 0.5.
-  std::printf("\nCPU time per text, kestrel::DateTime / QDateTime (Qt::ISODate)\n");
-  printRatio(reporter, "RoundTrip", 0.5);
-  printRatio(reporter, "Parse", 0);
-  printRatio(reporter, "Format", 0);
-  return 0;
+  return kestrel::bench::runWithRatios(
+      argc, argv, [](const kestrel::bench::RatioReporter& reporter) {
+        // At least twice as fast as QDateTime is a time ratio of at most 0.5.
+        std::printf("\nCPU time per text, kestrel::DateTime / QDateTime (Qt::ISODate)\n");
+        printRatio(reporter, "RoundTrip", 0.5);
+        printRatio(reporter, "Parse", 0);
+        printRatio(reporter, "Format", 0);
+      });
 }

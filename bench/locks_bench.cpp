@@ -140,20 +140,16 @@ void printRatio(const kestrel::bench::RatioReporter& r, const char* group, const
 
 int main(int argc, char** argv) {
   registerAll();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  kestrel::bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-
-  std::printf("\nkestrel::SpinLock CPU time / peer CPU time (below 1: SpinLock is faster)\n");
-  printRatio(reporter, "free", kRecursive, "<= 1.25x", 1.25);
-  printRatio(reporter, "free", kMutex, nullptr, 0);
-  printRatio(reporter, "free", kPthread, nullptr, 0);
-  printRatio(reporter, "reentry", kRecursive, "< 1.00x", 0.9999);
-  printRatio(reporter, "reentry", kPthreadRecursive, nullptr, 0);
-  printRatio(reporter, "contended", kRecursive, nullptr, 0);
-  printRatio(reporter, "contended", kMutex, nullptr, 0);
-  printRatio(reporter, "contended", kPthread, nullptr, 0);
-  return 0;
+  return kestrel::bench::runWithRatios(
+      argc, argv, [](const kestrel::bench::RatioReporter& reporter) {
+        std::printf("\nkestrel::SpinLock CPU time / peer CPU time (below 1: SpinLock is faster)\n");
+        printRatio(reporter, "free", kRecursive, "<= 1.25x", 1.25);
+        printRatio(reporter, "free", kMutex, nullptr, 0);
+        printRatio(reporter, "free", kPthread, nullptr, 0);
+        printRatio(reporter, "reentry", kRecursive, "< 1.00x", 0.9999);
+        printRatio(reporter, "reentry", kPthreadRecursive, nullptr, 0);
+        printRatio(reporter, "contended", kRecursive, nullptr, 0);
+        printRatio(reporter, "contended", kMutex, nullptr, 0);
+        printRatio(reporter, "contended", kPthread, nullptr, 0);
+      });
 }

@@ -21,7 +21,6 @@
 // GLIBC_TUNABLES=glibc.rtld.optional_static_tls=8192.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +32,7 @@
 #include <vector>
 
 #include "kestrel/memory.h"
+#include "peer_allocators.h"
 
 namespace {
 
@@ -46,25 +46,11 @@ struct Peer {
 Peer gJemalloc, gMimalloc;
 
 bool loadPeer(Peer& peer, const char* soname, const char* allocName, const char* releaseName) {
-  void* h = dlopen(soname, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
-  if (h == nullptr) {
-    std::printf("# %s: NOT LOADED (%s)\n", soname, dlerror());
-    return false;
-  }
+  void* h = kestrel::bench::openPeerLibrary(soname);
+  if (h == nullptr) return false;
   peer.alloc = reinterpret_cast<void* (*)(std::size_t)>(dlsym(h, allocName));
   peer.release = reinterpret_cast<void (*)(void*)>(dlsym(h, releaseName));
   return peer.alloc != nullptr && peer.release != nullptr;
-}
-
-void ensureStaticTlsRoom(char** argv) {
-  const char* tunables = std::getenv("GLIBC_TUNABLES");
-  if (tunables != nullptr && std::strstr(tunables, "optional_static_tls") != nullptr) return;
-  if (std::getenv("KESTREL_BENCH_REEXECUTED") != nullptr) return;
-  std::string value = "glibc.rtld.optional_static_tls=8192";
-  if (tunables != nullptr && *tunables != '\0') value = std::string(tunables) + ":" + value;
-  setenv("GLIBC_TUNABLES", value.c_str(), 1);
-  setenv("KESTREL_BENCH_REEXECUTED", "1", 1);
-  execv("/proc/self/exe", argv);
 }
 
 // ---- operator delete vs free ---------------------------------------------------
@@ -289,7 +275,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-  ensureStaticTlsRoom(argv);
+  kestrel::bench::ensureStaticTlsRoom(argv);
   loadPeer(gJemalloc, "libjemalloc.so.2", "malloc", "free");
   loadPeer(gMimalloc, "libmimalloc.so.2", "mi_malloc", "mi_free");
   benchmark::Initialize(&argc, argv);

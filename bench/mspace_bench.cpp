@@ -29,7 +29,6 @@
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <malloc.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -42,6 +41,7 @@
 
 #include "kestrel/memory.h"
 #include "memory/mspace_debug.h"  // the inline unmap hook only: nothing of the test library
+#include "peer_allocators.h"
 
 namespace {
 
@@ -108,11 +108,8 @@ void* thunkResize(void* p, std::size_t n) {
 template <Entry* E>
 bool loadPeer(const char* soname, const char* allocName, const char* releaseName,
               const char* resizeName, const char* label, std::vector<Peer>& peers) {
-  void* h = dlopen(soname, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
-  if (h == nullptr) {
-    std::printf("# %s: NOT LOADED (%s); no figures for it in this run\n", label, dlerror());
-    return false;
-  }
+  void* h = kestrel::bench::openPeerLibrary(soname);
+  if (h == nullptr) return false;
   E->alloc = reinterpret_cast<void* (*)(std::size_t)>(dlsym(h, allocName));
   E->release = reinterpret_cast<void (*)(void*)>(dlsym(h, releaseName));
   E->resize = reinterpret_cast<void* (*)(void*, std::size_t)>(dlsym(h, resizeName));
@@ -387,23 +384,10 @@ class SummaryReporter : public benchmark::ConsoleReporter {
   std::map<std::string, double> median_;
 };
 
-// Re-executes the program once with room in the static TLS block for jemalloc.
-void ensureStaticTlsRoom(char** argv) {
-  const char* tunables = std::getenv("GLIBC_TUNABLES");
-  if (tunables != nullptr && std::strstr(tunables, "optional_static_tls") != nullptr) return;
-  if (std::getenv("KESTREL_BENCH_REEXECUTED") != nullptr) return;
-  std::string value = "glibc.rtld.optional_static_tls=8192";
-  if (tunables != nullptr && *tunables != '\0') value = std::string(tunables) + ":" + value;
-  setenv("GLIBC_TUNABLES", value.c_str(), 1);
-  setenv("KESTREL_BENCH_REEXECUTED", "1", 1);
-  execv("/proc/self/exe", argv);
-  std::printf("# could not re-execute with more static TLS; jemalloc may not load\n");
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  ensureStaticTlsRoom(argv);
+  kestrel::bench::ensureStaticTlsRoom(argv);
   std::vector<Peer> peers;
   gMspace = kestrel::create_mspace(0, 0);
   peers.push_back({"mspace", msAlloc, msRelease, msResize});

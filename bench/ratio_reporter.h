@@ -63,4 +63,18 @@ class RatioReporter : public benchmark::ConsoleReporter {
   std::map<std::string, std::vector<double>> samples_;
 };
 
+// The main of a benchmark program: runs the benchmarks chosen on the command
+// line with a RatioReporter, then hands it to printRatios for the summary.
+// Returns the program's exit status (1 for an unknown argument).
+template <class PrintRatios>
+int runWithRatios(int argc, char** argv, PrintRatios printRatios) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  printRatios(static_cast<const RatioReporter&>(reporter));
+  return 0;
+}
+
 }  // namespace kestrel::bench

@@ -31,10 +31,15 @@ std::string generatedDocument() {
     document += "  <record id='" + n + "' kind='placemark' visibility='1' open='0' style='#s" + n +
                 "' lat='37." + n + "' lon='-122." + n + "' alt='" + n +
                 "' heading='90' tilt='45' range='1000' mode='relative'>\n"
-                "    <name>Record " + n + "</name><when>2007-05-17T10:20:30Z</when>\n"
-                "    A paragraph of description for record " + n +
+                "    <name>Record " +
+                n +
+                "</name><when>2007-05-17T10:20:30Z</when>\n"
+                "    A paragraph of description for record " +
+                n +
                 " that goes on for a while, as descriptions do, with a few words &amp; an "
-                "entity, some punctuation, and numbers such as " + n + " and 3.14159.\n"
+                "entity, some punctuation, and numbers such as " +
+                n +
+                " and 3.14159.\n"
                 "  </record>\n";
   }
   document += "</catalog>\n";
@@ -92,18 +97,16 @@ void expatCount(benchmark::State& state) {
 BENCHMARK(treeBuild)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(expatCount)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  kestrel::bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+void printRatios(const kestrel::bench::RatioReporter& reporter) {
   // Throughput of the tree >= 0.8x that of expat means time <= 1.25x.
   std::printf(
       "\nXmlReader tree time / expat counting time (0: freedesktop.org.xml, 1: generated 20 MB)\n");
   reporter.printRatio("treeBuild/0", "expatCount/0", 1.25);
   reporter.printRatio("treeBuild/1", "expatCount/1", 1.25);
-  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return kestrel::bench::runWithRatios(argc, argv, printRatios);
 }
