@@ -86,54 +86,51 @@ TEST(Process, KillTerminatesARunningChild) {
   child.kill();  // nothing left to signal
 }
 
-TEST(Process, DestructorStopsARunningChild) {
+// Starts the recorder, which sleeps for sleepMs (ignoring SIGTERM when asked),
+// destroys its Process at once, and returns the child's pid (0 if unknown).
+// The destructor must return within its grace time, well under 5 seconds.
+pid_t destroyRunningChild(const char* sleepMs, bool ignoreTerm) {
   Recording record;  // the child writes its argv once its pid file is there
   QTemporaryDir dir;
   const QString pidFile = dir.filePath(QStringLiteral("pid"));
   const ScopedEnv pid("KESTREL_RECORD_PID", pidFile.toStdString());
-  const ScopedEnv sleep("KESTREL_RECORD_SLEEP_MS", "20000");
+  const ScopedEnv sleep("KESTREL_RECORD_SLEEP_MS", sleepMs);
+  const ScopedEnv ignore("KESTREL_RECORD_IGNORE_TERM",
+                         ignoreTerm ? std::optional<std::string>("1") : std::nullopt);
   const auto start = std::chrono::steady_clock::now();
   {
     Process child(kRecorder, {});
-    ASSERT_TRUE(record.argv());
+    EXPECT_TRUE(record.argv());
   }
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
   QFile file(pidFile);
-  ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-  const pid_t childPid = static_cast<pid_t>(file.readAll().trimmed().toInt());
-  ASSERT_GT(childPid, 0);
-  // The child got SIGTERM and has been reaped: its pid is gone well before
-  // the 20 seconds it wanted to sleep.
+  if (!file.open(QIODevice::ReadOnly)) return 0;
+  return static_cast<pid_t>(file.readAll().trimmed().toInt());
+}
+
+// True once the pid is gone within 5 seconds: a zombie still answers
+// kill(pid, 0), a reaped child does not.
+bool reapedWithinFiveSeconds(pid_t pid) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (::kill(childPid, 0) == 0 && std::chrono::steady_clock::now() < deadline)
+  while (::kill(pid, 0) == 0 && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  EXPECT_NE(::kill(childPid, 0), 0) << "child " << childPid << " still there";
+  return ::kill(pid, 0) != 0;
+}
+
+TEST(Process, DestructorStopsARunningChild) {
+  // The child got SIGTERM and has been reaped well before the 20 seconds it
+  // wanted to sleep.
+  const pid_t child = destroyRunningChild("20000", false);
+  ASSERT_GT(child, 0);
+  EXPECT_TRUE(reapedWithinFiveSeconds(child)) << "child " << child << " still there";
 }
 
 // A child that ignores SIGTERM outlives the destructor's grace time; it is
 // reaped when it ends, so no zombie stays behind.
 TEST(Process, ChildOutlivingDestructorIsReapedLater) {
-  Recording record;  // the child writes its argv once its pid file is there
-  QTemporaryDir dir;
-  const QString pidFile = dir.filePath(QStringLiteral("pid"));
-  const ScopedEnv pid("KESTREL_RECORD_PID", pidFile.toStdString());
-  const ScopedEnv sleep("KESTREL_RECORD_SLEEP_MS", "1000");
-  const ScopedEnv ignore("KESTREL_RECORD_IGNORE_TERM", "1");
-  const auto start = std::chrono::steady_clock::now();
-  {
-    Process child(kRecorder, {});
-    ASSERT_TRUE(record.argv());
-  }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-  QFile file(pidFile);
-  ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-  const pid_t childPid = static_cast<pid_t>(file.readAll().trimmed().toInt());
-  ASSERT_GT(childPid, 0);
-  // A zombie still answers kill(pid, 0); a reaped child does not.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (::kill(childPid, 0) == 0 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  EXPECT_NE(::kill(childPid, 0), 0) << "child " << childPid << " still there";
+  const pid_t child = destroyRunningChild("1000", true);
+  ASSERT_GT(child, 0);
+  EXPECT_TRUE(reapedWithinFiveSeconds(child)) << "child " << child << " still there";
 }
 
 TEST(Process, ProgramThatCannotStartFailsCleanly) {
