@@ -5,10 +5,12 @@
 //   pool/<peer>/N  steady churn over N live blocks (N = 10k, 100k) of 16, 32,
 //                  64, 128 and 256 B: each step frees a random slot and fills
 //                  it again. Peers: HeapManager (alloc, then kestrel::Free:
-//                  ownership test, header, pool lock), the bare mspace,
-//                  the mspace with a SpinLock around each call (the floor
-//                  of the pool path), glibc, jemalloc and mimalloc (targets vs
-//                  glibc: <= 1.0x at 10k, <= 0.7x at 100k)
+//                  ownership test, header, the thread's block cache, the
+//                  pool lock once per batch), the bare mspace, the mspace
+//                  with a SpinLock around each call (what the path costs
+//                  when every call takes the pool's lock), glibc, jemalloc
+//                  and mimalloc (targets vs glibc: <= 1.0x at 10k, <= 0.7x
+//                  at 100k)
 //   newdelete      new/delete of 64 B from 1 and 2 threads (target: 2 threads
 //                  >= 1.6x the throughput of 1)
 //   owner/P        isPointerFromPool over a mix of pool, heap and stack
@@ -129,8 +131,8 @@ void poolMspace(benchmark::State& state) {
   kestrel::destroy_mspace(m);
 }
 
-// The floor the pool path builds on: the bare mspace with the pool's kind of
-// lock (a SpinLock) taken around each call.
+// The bare mspace with the pool's kind of lock (a SpinLock) taken around
+// each call: the pool path without its per-thread caches.
 void poolLockedMspace(benchmark::State& state) {
   kestrel::mspace m = kestrel::create_mspace(0, 0);
   kestrel::SpinLock lock(0);

@@ -405,6 +405,10 @@ class KESTREL_EXPORT CacheObserver : public Observer {
 // Memory pools
 // ---------------------------------------------------------------------------
 
+namespace memory_detail {
+struct HeapPath;  // the HeapManager path (internal)
+}  // namespace memory_detail
+
 // One mapped region of a pool.
 struct MMapRange {
   char* start;
@@ -437,11 +441,15 @@ class KESTREL_EXPORT MemoryPool : public MemoryObject {
   // mirror for subtract). No lock.
   void addAllocation(unsigned long n);
   void subtractAllocation(unsigned long n);
+  // The bytes of addAllocation/subtractAllocation plus the bytes that the
+  // HeapManagers of this pool hand out (exact; thread-safe).
   unsigned long getAllocatedMemory() const;
 
   const QString& getName() const { return mName; }
   int getRefCount() const { return static_cast<int>(mRefCount); }
-  // mspace statistics of this pool (taken under the pool lock).
+  // mspace statistics of this pool, taken under the pool lock after the
+  // calling thread's cached blocks of the pool went back to it. Free blocks
+  // still cached by other threads (see HeapManager) count as in use.
   mspace_mallinfo_record getStats();
   // The ranges recorded for this pool, in list order.
   QList<MMapRange> getRanges() const;
@@ -467,21 +475,14 @@ class KESTREL_EXPORT MemoryPool : public MemoryObject {
 
  private:
   friend class HeapManager;
+  friend struct memory_detail::HeapPath;
   static void* recordMapping(void* (*map)(unsigned long, void*), unsigned long size, void* pool);
-  // The HeapManager path: `bytes` from the mspace and the request `n`
-  // counted in the manager's counter and the pool's own counters of that
-  // path, all under the pool lock with plain arithmetic (null, nothing
-  // counted, when the mspace cannot serve it); and the mirror for a release.
-  // MemInfo's pool counters include those of every pool, so this path
-  // touches no counter shared between pools.
-  void* lockedAlloc(unsigned long bytes, unsigned long n, unsigned long& managerCount);
-  void lockedFree(void* block, unsigned long n, unsigned long& managerCount);
 
   QString mName;
   long mRefCount = 1;
   unsigned long mAllocated = 0;        // addAllocation/subtractAllocation
-  unsigned long mLockedAllocated = 0;  // the HeapManager path, under mLock
-  unsigned long mLockedAllocs = 0;     // blocks of that path, under mLock
+  unsigned long mLockedAllocated = 0;  // the HeapManager path, folded under mLock
+  unsigned long mLockedAllocs = 0;     // blocks of that path, folded under mLock
   mspace mSpace = nullptr;
   SpinLock mLock;
   QList<MMapRange> mRanges;
@@ -489,13 +490,22 @@ class KESTREL_EXPORT MemoryPool : public MemoryObject {
 
 // The MemoryManager over a MemoryPool. Each block has the manager header;
 // a request of n counts n in the manager, the pool and MemInfo.
+//
+// Thread-safe. Blocks of up to 496 bytes go through a small cache per
+// thread and manager (at most 128 blocks or 16 KiB per size class, under
+// 0.5 MiB per thread and manager), so that most calls take
+// no lock: the pool's lock is taken once per batch of blocks. A thread's
+// cached blocks go back to the pool when the thread ends, when the thread
+// turns to a fifth manager, and when the manager is destroyed. The
+// counters stay exact whatever is cached.
 class KESTREL_EXPORT HeapManager : public MemoryManager {
  public:
   // A null pool means the default pool ("default", 4 MiB, created on first
   // need and never destroyed). Takes one reference on the pool.
   explicit HeapManager(MemoryPool* pool);
-  // Drops the reference; the last one deletes the pool. Outstanding blocks
-  // are ignored.
+  // Returns every thread's cached free blocks of this manager to the pool,
+  // then drops the reference; the last one deletes the pool. Outstanding
+  // blocks are ignored. No thread may use the manager any more.
   ~HeapManager() override;
 
   // Header + `size` bytes from the pool; null (nothing counted) when the
@@ -507,7 +517,8 @@ class KESTREL_EXPORT HeapManager : public MemoryManager {
   void* allocAligned(unsigned long size, unsigned long alignment);
   // Does nothing.
   void clear();
-  // Bytes currently handed out by this manager (headers not counted).
+  // Bytes currently handed out by this manager (headers not counted),
+  // from every thread. Thread-safe.
   unsigned long getAllocatedSize() const;
   MemoryPool* getPool() const { return mPool; }
 
@@ -515,7 +526,8 @@ class KESTREL_EXPORT HeapManager : public MemoryManager {
   static MemoryPool* sDefaultPool;
 
  private:
-  unsigned long mAllocated = 0;
+  friend struct memory_detail::HeapPath;
+  unsigned long mAllocated = 0;  // folded under the pool's lock
   MemoryPool* mPool;
 };
 

@@ -1,14 +1,12 @@
 // HeapManager (a MemoryManager over a MemoryPool) and HeapBuffer.
-#include <atomic>
 #include <cstring>
 
 #include "kestrel/memory.h"
-#include "memory/memory_front.h"
+#include "memory/heap_path.h"
 
 namespace kestrel {
 
-using memory_detail::BlockHeader;
-using memory_detail::headerOf;
+using memory_detail::HeapPath;
 
 MemoryPool* HeapManager::sDefaultPool = nullptr;
 
@@ -29,22 +27,9 @@ HeapManager::HeapManager(MemoryPool* pool) : mPool(pool != nullptr ? pool : defa
 }
 
 HeapManager::~HeapManager() {
-  if (mPool != nullptr && TestThenAdd(&mPool->mRefCount, -1) == 1) delete mPool;
-}
-
-void* HeapManager::alloc(unsigned long size) {
-  if (size > ~0UL - kManagerHeaderSize) return nullptr;
-  void* block = mPool->lockedAlloc(size + kManagerHeaderSize, size, mAllocated);
-  if (block == nullptr) return nullptr;
-  auto* header = static_cast<BlockHeader*>(block);
-  header->owner = this;
-  header->size = size;
-  return header + 1;
-}
-
-void HeapManager::free(void* p) {
-  BlockHeader* header = headerOf(p);
-  mPool->lockedFree(header, header->size, mAllocated);
+  if (mPool == nullptr) return;
+  HeapPath::retireManager(*this);
+  if (TestThenAdd(&mPool->mRefCount, -1) == 1) delete mPool;
 }
 
 void* HeapManager::allocAligned(unsigned long size, unsigned long /*alignment*/) {
@@ -54,8 +39,7 @@ void* HeapManager::allocAligned(unsigned long size, unsigned long /*alignment*/)
 void HeapManager::clear() {}
 
 unsigned long HeapManager::getAllocatedSize() const {
-  return std::atomic_ref<unsigned long>(const_cast<unsigned long&>(mAllocated))
-      .load(std::memory_order_relaxed);
+  return HeapPath::allocatedSize(*this);
 }
 
 HeapBuffer::HeapBuffer(HeapManager* mgr, unsigned long capacity, unsigned long extra)

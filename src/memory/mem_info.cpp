@@ -4,7 +4,7 @@
 
 #include "kestrel/memory.h"
 #include "kestrel/settings.h"
-#include "memory/pool_totals.h"
+#include "memory/heap_path.h"
 
 namespace kestrel {
 namespace {
@@ -58,7 +58,7 @@ unsigned MemInfo::ChangeHeapBytes(int delta, Operation op) {
 }
 
 unsigned MemInfo::ChangePoolBytes(int delta, Operation op) {
-  return gPool.change(delta, op) + static_cast<unsigned>(memory_detail::heapPathTotals().bytes);
+  return gPool.change(delta, op) + static_cast<unsigned>(memory_detail::HeapPath::totals().bytes);
 }
 
 void MemInfo::UpdateMemSettings(unsigned long alchemyBytes, unsigned long unpooledBytes) {
@@ -82,12 +82,12 @@ unsigned MemInfo::getHeapAllocs() {
 
 unsigned MemInfo::getPoolBytes() {
   return gPool.bytes.load(std::memory_order_relaxed) +
-         static_cast<unsigned>(memory_detail::heapPathTotals().bytes);
+         static_cast<unsigned>(memory_detail::HeapPath::totals().bytes);
 }
 
 unsigned MemInfo::getPoolAllocs() {
   return gPool.allocs.load(std::memory_order_relaxed) +
-         static_cast<unsigned>(memory_detail::heapPathTotals().allocs);
+         static_cast<unsigned>(memory_detail::HeapPath::totals().allocs);
 }
 
 }  // namespace kestrel

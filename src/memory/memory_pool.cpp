@@ -1,14 +1,13 @@
 // MemoryPool: an mspace on 4 MiB-aligned anonymous mappings, each recorded in
 // the pool's own list and the process-wide list.
 #include <atomic>
-#include <new>
 #include <vector>
 
 #include "kestrel/memory.h"
+#include "memory/heap_path.h"
 #include "memory/mapped_ranges.h"
 #include "memory/memory_front.h"
 #include "memory/mspace_layout.h"
-#include "memory/pool_totals.h"
 
 namespace kestrel {
 
@@ -38,62 +37,11 @@ bool touched(const UnmapNotes& notes, const MMapRange& range) {
   return false;
 }
 
-unsigned long loadCounter(const unsigned long* counter) {
-  return std::atomic_ref<unsigned long>(*const_cast<unsigned long*>(counter))
-      .load(std::memory_order_relaxed);
-}
-
-// The registry of the live pools' counters and what retired pools left,
-// all under rangeLock(). Never destroyed (pools may outlive static
-// destruction).
-struct CounterRegistry {
-  std::vector<memory_detail::PoolCounters> live;
-  memory_detail::PoolTotals retired;
-};
-
-CounterRegistry& counterRegistry() {
-  static auto* const registry = new CounterRegistry;
-  return *registry;
-}
-
 }  // namespace
-
-namespace memory_detail {
-
-void registerPoolCounters(const PoolCounters& counters) {
-  CSMutex hold(rangeLock());
-  counterRegistry().live.push_back(counters);
-}
-
-void retirePoolCounters(const PoolCounters& counters) {
-  CSMutex hold(rangeLock());
-  CounterRegistry& registry = counterRegistry();
-  for (auto it = registry.live.begin(); it != registry.live.end(); ++it) {
-    if (it->bytes != counters.bytes) continue;
-    registry.retired.bytes += loadCounter(counters.bytes);
-    registry.retired.allocs += loadCounter(counters.allocs);
-    *it = registry.live.back();
-    registry.live.pop_back();
-    return;
-  }
-}
-
-PoolTotals heapPathTotals() {
-  CSMutex hold(rangeLock());
-  const CounterRegistry& registry = counterRegistry();
-  PoolTotals totals = registry.retired;
-  for (const PoolCounters& counters : registry.live) {
-    totals.bytes += loadCounter(counters.bytes);
-    totals.allocs += loadCounter(counters.allocs);
-  }
-  return totals;
-}
-
-}  // namespace memory_detail
 
 MemoryPool::MemoryPool(const char* name, unsigned long size)
     : mName(QString::fromUtf8(name)), mLock(0) {
-  memory_detail::registerPoolCounters({&mLockedAllocated, &mLockedAllocs});
+  memory_detail::HeapPath::registerPool(*this);
   void* base = directMmapCB(size, this);
   if (base != kMapFailed) {
     mSpace = create_mspace_with_base_ca(base, size, 0, mmapCB, directMmapCB, sbreakCB, this);
@@ -103,7 +51,7 @@ MemoryPool::MemoryPool(const char* name, unsigned long size)
 }
 
 MemoryPool::~MemoryPool() {
-  memory_detail::retirePoolCounters({&mLockedAllocated, &mLockedAllocs});
+  memory_detail::HeapPath::retirePool(*this);
   UnmapNotes notes;
   notes.unmapped.reserve(64);
   QList<MMapRange> ranges;
@@ -136,41 +84,6 @@ void MemoryPool::free(void* p) {
   mspace_free(mSpace, p);
 }
 
-namespace {
-
-// A counter written only under the pool lock: a plain sum, stored so that a
-// reader without the lock sees a whole value.
-void addLocked(unsigned long& counter, unsigned long n) {
-  std::atomic_ref<unsigned long> cell(counter);
-  cell.store(cell.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
-}
-
-}  // namespace
-
-void* MemoryPool::lockedAlloc(unsigned long bytes, unsigned long n, unsigned long& managerCount) {
-  if (mSpace == nullptr) return nullptr;
-  void* block;
-  {
-    CSMutex hold(mLock);
-    block = mspace_malloc(mSpace, bytes);
-    if (block == nullptr) return nullptr;
-    addLocked(managerCount, n);
-    addLocked(mLockedAllocated, n);
-    addLocked(mLockedAllocs, 1);
-  }
-  return block;
-}
-
-void MemoryPool::lockedFree(void* block, unsigned long n, unsigned long& managerCount) {
-  if (mSpace == nullptr) return;
-  const unsigned long negated = 0UL - n;  // the counters wrap, they never overflow
-  CSMutex hold(mLock);
-  addLocked(managerCount, negated);
-  addLocked(mLockedAllocated, negated);
-  addLocked(mLockedAllocs, ~0UL);
-  mspace_free(mSpace, block);
-}
-
 void MemoryPool::addAllocation(unsigned long n) {
   MemInfo::ChangePoolBytes(static_cast<int>(n), MemInfo::kAlloc);
   std::atomic_ref<unsigned long>(mAllocated).fetch_add(n, std::memory_order_relaxed);
@@ -183,14 +96,12 @@ void MemoryPool::subtractAllocation(unsigned long n) {
 }
 
 unsigned long MemoryPool::getAllocatedMemory() const {
-  return std::atomic_ref<unsigned long>(const_cast<unsigned long&>(mAllocated))
-             .load(std::memory_order_relaxed) +
-         std::atomic_ref<unsigned long>(const_cast<unsigned long&>(mLockedAllocated))
-             .load(std::memory_order_relaxed);
+  return memory_detail::HeapPath::allocatedSize(*this);
 }
 
 mspace_mallinfo_record MemoryPool::getStats() {
   if (mSpace == nullptr) return {};
+  memory_detail::HeapPath::returnCachedBlocks(*this);
   CSMutex hold(mLock);
   return mspace_mallinfo(mSpace);
 }

@@ -2,8 +2,11 @@
 // of isPointerFromPool, reference counting and the default pool, and heap
 // buffers.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cstdint>
+#include <fstream>
+#include <string>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -120,6 +123,63 @@ TEST(MemoryPool, AbsurdMappingIsNotRecorded) {
   OwnPool own;
   EXPECT_EQ(MemoryPool::mmapCB(ULONG_MAX - 4096, own.pool), reinterpret_cast<void*>(~0UL));
   EXPECT_EQ(own.pool->getRanges().size(), 1);
+}
+
+TEST(MemoryPool, APoolWhoseFirstMappingFailedServesNothingAndCountsNothing) {
+  auto* pool = new MemoryPool("unmapped", ULONG_MAX - 4096);
+  EXPECT_TRUE(pool->getRanges().isEmpty());
+  {
+    HeapManager mgr(pool);
+    for (unsigned long size : {0UL, 16UL, 400UL, 5000UL}) {
+      EXPECT_EQ(mgr.alloc(size), nullptr) << size;
+      EXPECT_EQ(kestrel::doNew(size, &mgr), nullptr) << size;
+    }
+    EXPECT_EQ(pool->malloc(16), nullptr);
+    EXPECT_EQ(mgr.getAllocatedSize(), 0u);
+    EXPECT_EQ(pool->getAllocatedMemory(), 0u);
+    EXPECT_EQ(pool->getStats().uordblks, 0u);
+  }
+  delete pool;
+}
+
+#if !defined(KESTREL_SANITIZED)
+// With the address space limited to 32 MiB more than the process has, a
+// pool runs out of mappings. Exits 0 when small and large requests then get
+// null, the blocks served are counted exactly, and they can all be freed.
+[[noreturn]] void exhaustPool() {
+  std::ifstream status("/proc/self/status");
+  unsigned long vmKiB = 0;
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind("VmSize:", 0) == 0) vmKiB = std::stoul(line.substr(7));
+  rlimit limit{};
+  limit.rlim_cur = limit.rlim_max = (vmKiB << 10) + (32UL << 20);
+  setrlimit(RLIMIT_AS, &limit);
+  auto* pool = new MemoryPool("exhausted", kFourMiB);
+  bool ok = true;
+  {
+    HeapManager mgr(pool);
+    std::vector<void*> blocks;
+    blocks.reserve(2000000);
+    while (blocks.size() < 2000000) {
+      void* p = mgr.alloc(32);
+      if (p == nullptr) break;
+      blocks.push_back(p);
+    }
+    ok = blocks.size() < 2000000 && mgr.alloc(32) == nullptr && mgr.alloc(5000) == nullptr &&
+         mgr.getAllocatedSize() == 32 * blocks.size();
+    for (void* p : blocks) kestrel::Free(p);
+    ok = ok && mgr.getAllocatedSize() == 0 && mgr.alloc(32) != nullptr;
+  }
+  std::exit(ok ? 0 : 1);
+}
+#endif
+
+TEST(HeapManager, AnExhaustedPoolAnswersNullAndCountsOnlyWhatItServed) {
+#if defined(KESTREL_SANITIZED)
+  GTEST_SKIP() << "an address-space limit breaks the sanitizer's shadow memory";
+#else
+  EXPECT_EXIT(exhaustPool(), ::testing::ExitedWithCode(0), "");
+#endif
 }
 
 TEST(HeapManager, NullPoolSharesTheDefaultPoolThatOutlivesItsManagers) {
