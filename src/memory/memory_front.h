@@ -30,15 +30,20 @@ inline constexpr std::size_t kTopSlots = std::size_t{1} << kTopBits;
 
 extern std::atomic<std::uint32_t*> gRegionTable[kTopSlots];
 
-inline bool isPoolAddress(const void* p) {
-  const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(p);
-  if (address >> kAddressBits) return false;
+// isPoolAddress for an address already known to lie below 2^48.
+inline bool isRecordedUserAddress(std::uintptr_t address) {
   const std::uintptr_t slot = address >> kRegionShift;
   std::uint32_t* leaf = gRegionTable[slot >> kLeafBits].load(std::memory_order_acquire);
   if (leaf == nullptr) return false;
   const std::uint32_t covered =
       std::atomic_ref<std::uint32_t>(leaf[slot & (kLeafSlots - 1)]).load(std::memory_order_relaxed);
   return (address & (kRegionSize - 1)) < covered;
+}
+
+inline bool isPoolAddress(const void* p) {
+  const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(p);
+  if (address >> kAddressBits) return false;
+  return isRecordedUserAddress(address);
 }
 
 // The manager header in front of a manager block.
@@ -57,8 +62,13 @@ inline void* allocate(unsigned long size, MemoryManager* mgr) {
 }
 
 inline void release(void* p) {
-  if (p == nullptr) return;
-  if (__builtin_expect(isPoolAddress(p), 0)) {
+  const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(p);
+  // One comparison sets aside both null and addresses above 2^48.
+  if (__builtin_expect(address - 1 >= (std::uintptr_t{1} << kAddressBits) - 1, 0)) {
+    if (p != nullptr) std::free(p);
+    return;
+  }
+  if (__builtin_expect(isRecordedUserAddress(address), 0)) {
     headerOf(p)->owner->free(p);
     return;
   }
