@@ -157,6 +157,28 @@ void* pop(FreeList& list) {
   return block;
 }
 
+// Writes the manager header into a block and returns the user pointer.
+inline void* stamp(HeapManager& manager, void* block, unsigned long size) {
+  auto* header = static_cast<BlockHeader*>(block);
+  header->owner = &manager;
+  header->size = size;
+  return header + 1;
+}
+
+// The list's first block, handed out and counted as a request of `size`.
+inline void* handOut(HeapManager& manager, Slot& slot, FreeList& list, unsigned long size) {
+  bump(slot.bytes, size);
+  bump(slot.blocks, 1);
+  return stamp(manager, pop(list), size);
+}
+
+// A released block of `size`, kept in the list and counted.
+inline void takeBack(Slot& slot, FreeList& list, BlockHeader* header, unsigned long size) {
+  push(list, header);
+  bump(slot.bytes, 0UL - size);  // the counters wrap, they never overflow
+  bump(slot.blocks, ~0UL);
+}
+
 }  // namespace
 
 // alloc and free are a short path for the common case (the thread has a
@@ -167,14 +189,7 @@ void* HeapPath::alloc(HeapManager& manager, unsigned long size) {
   if (size <= kMaxCachedSize) {
     if (Slot* slot = ownSlot(manager)) {
       FreeList& list = slot->lists[classOf(poolRequest(size + kManagerHeaderSize))];
-      if (list.head != nullptr) {
-        auto* header = static_cast<BlockHeader*>(pop(list));
-        bump(slot->bytes, size);
-        bump(slot->blocks, 1);
-        header->owner = &manager;
-        header->size = size;
-        return header + 1;
-      }
+      if (list.head != nullptr) return handOut(manager, *slot, list, size);
     }
   }
   return allocSlowly(manager, size);
@@ -183,23 +198,16 @@ void* HeapPath::alloc(HeapManager& manager, unsigned long size) {
 void* HeapPath::allocSlowly(HeapManager& manager, unsigned long size) {
   if (size > ~0UL - kManagerHeaderSize) return nullptr;
   const unsigned long request = poolRequest(size + kManagerHeaderSize);
-  Slot* slot = size <= kMaxCachedSize ? slotFor(manager) : nullptr;
-  void* block;
-  if (slot != nullptr) {
-    const unsigned cls = classOf(request);
-    FreeList& list = slot->lists[cls];
-    if (list.head == nullptr && !refill(*slot, cls)) return nullptr;
-    block = pop(list);
-    bump(slot->bytes, size);
-    bump(slot->blocks, 1);
-  } else {
-    block = lockedAlloc(manager, request, size);
-    if (block == nullptr) return nullptr;
+  if (size <= kMaxCachedSize) {
+    if (Slot* slot = slotFor(manager)) {
+      const unsigned cls = classOf(request);
+      FreeList& list = slot->lists[cls];
+      if (list.head == nullptr && !refill(*slot, cls)) return nullptr;
+      return handOut(manager, *slot, list, size);
+    }
   }
-  auto* header = static_cast<BlockHeader*>(block);
-  header->owner = &manager;
-  header->size = size;
-  return header + 1;
+  void* block = lockedAlloc(manager, request, size);
+  return block != nullptr ? stamp(manager, block, size) : nullptr;
 }
 
 void HeapPath::free(HeapManager& manager, void* p) {
@@ -210,9 +218,7 @@ void HeapPath::free(HeapManager& manager, void* p) {
       const unsigned cls = classOf(poolRequest(size + kManagerHeaderSize));
       FreeList& list = slot->lists[cls];
       if (list.count < kCapacity[cls]) {
-        push(list, header);
-        bump(slot->bytes, 0UL - size);  // the counters wrap, they never overflow
-        bump(slot->blocks, ~0UL);
+        takeBack(*slot, list, header, size);
         return;
       }
     }
@@ -228,11 +234,8 @@ void HeapPath::freeSlowly(HeapManager& manager, BlockHeader* header) {
     return;
   }
   const unsigned cls = classOf(poolRequest(size + kManagerHeaderSize));
-  FreeList& list = slot->lists[cls];
-  push(list, header);
-  bump(slot->bytes, 0UL - size);
-  bump(slot->blocks, ~0UL);
-  if (list.count > kCapacity[cls]) drain(*slot, cls, kCapacity[cls] / 2U);
+  takeBack(*slot, slot->lists[cls], header, size);
+  if (slot->lists[cls].count > kCapacity[cls]) drain(*slot, cls, kCapacity[cls] / 2U);
 }
 
 bool HeapPath::refill(Slot& slot, unsigned cls) {
