@@ -302,10 +302,10 @@ class KESTREL_EXPORT MemoryObject {
 
 // Process-wide allocation counters (unsigned 32-bit, starting at 0). They
 // wrap around. ChangeHeapBytes/ChangePoolBytes update them in one atomic
-// step each, without a lock. The pool counters also include the blocks of
-// every HeapManager, which each pool counts under its own lock (so that
-// path shares no counter between threads); reading them, and the result of
-// ChangePoolBytes, sums over the live pools.
+// step each. The pool counters also include the blocks of every
+// HeapManager, which each thread counts on its own (see HeapManager);
+// reading them, and the result of ChangePoolBytes, adds up those counts
+// under a short process-wide lock.
 class KESTREL_EXPORT MemInfo {
  public:
   // kAlloc counts one allocation up, kFree one down; any other value is
@@ -438,11 +438,14 @@ class KESTREL_EXPORT MemoryPool : public MemoryObject {
   void free(void* p);
 
   // MemInfo::ChangePoolBytes(+n, kAlloc) then allocated bytes += n (and the
-  // mirror for subtract). No lock.
+  // mirror for subtract). Takes no pool lock; ChangePoolBytes briefly takes
+  // the lock under which the HeapManager counts are added up.
   void addAllocation(unsigned long n);
   void subtractAllocation(unsigned long n);
   // The bytes of addAllocation/subtractAllocation plus the bytes that the
-  // HeapManagers of this pool hand out (exact; thread-safe).
+  // HeapManagers of this pool hand out. Thread-safe; exact whenever no
+  // other thread is allocating or freeing through the pool meanwhile (see
+  // HeapManager::getAllocatedSize).
   unsigned long getAllocatedMemory() const;
 
   const QString& getName() const { return mName; }
@@ -496,8 +499,9 @@ class KESTREL_EXPORT MemoryPool : public MemoryObject {
 // 0.5 MiB per thread and manager), so that most calls take
 // no lock: the pool's lock is taken once per batch of blocks. A thread's
 // cached blocks go back to the pool when the thread ends, when the thread
-// turns to a fifth manager, and when the manager is destroyed. The
-// counters stay exact whatever is cached.
+// turns to a fifth manager, and when the manager is destroyed. Cached
+// blocks count as released for the counters, which stay exact whatever is
+// cached.
 class KESTREL_EXPORT HeapManager : public MemoryManager {
  public:
   // A null pool means the default pool ("default", 4 MiB, created on first
@@ -509,16 +513,22 @@ class KESTREL_EXPORT HeapManager : public MemoryManager {
   ~HeapManager() override;
 
   // Header + `size` bytes from the pool; null (nothing counted) when the
-  // pool cannot serve it or the size would wrap. 16-byte aligned.
+  // size would wrap, or when the pool cannot serve it even after the
+  // calling thread's cached blocks of the pool went back to it (blocks
+  // cached by other threads are not reclaimed). 16-byte aligned.
   void* alloc(unsigned long size) override;
-  // Releases a block of this manager (the user pointer).
+  // Releases a block of this manager (the user pointer); null does nothing.
   void free(void* p) override;
   // alloc(size); the alignment is ignored.
   void* allocAligned(unsigned long size, unsigned long alignment);
   // Does nothing.
   void clear();
   // Bytes currently handed out by this manager (headers not counted),
-  // from every thread. Thread-safe.
+  // from every thread. Thread-safe. Exact whenever no other thread is
+  // allocating or freeing through the manager meanwhile; a read racing a
+  // block allocated on one thread and freed on another may see only one
+  // of the two (each thread counts on its own, and the counts are added
+  // one thread at a time).
   unsigned long getAllocatedSize() const;
   MemoryPool* getPool() const { return mPool; }
 

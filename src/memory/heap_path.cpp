@@ -197,6 +197,13 @@ void* HeapPath::alloc(HeapManager& manager, unsigned long size) {
 
 void* HeapPath::allocSlowly(HeapManager& manager, unsigned long size) {
   if (size > ~0UL - kManagerHeaderSize) return nullptr;
+  if (void* p = allocFromPool(manager, size)) return p;
+  // The pool is out of room: the blocks this thread caches of it may serve.
+  if (!returnCachedBlocks(*manager.mPool)) return nullptr;
+  return allocFromPool(manager, size);
+}
+
+void* HeapPath::allocFromPool(HeapManager& manager, unsigned long size) {
   const unsigned long request = poolRequest(size + kManagerHeaderSize);
   if (size <= kMaxCachedSize) {
     if (Slot* slot = slotFor(manager)) {
@@ -211,6 +218,7 @@ void* HeapPath::allocSlowly(HeapManager& manager, unsigned long size) {
 }
 
 void HeapPath::free(HeapManager& manager, void* p) {
+  if (p == nullptr) return;
   BlockHeader* header = headerOf(p);
   const unsigned long size = header->size;
   if (size <= kMaxCachedSize) {
@@ -345,13 +353,18 @@ void HeapPath::retireManager(HeapManager& manager) {
   });
 }
 
-void HeapPath::returnCachedBlocks(MemoryPool& pool) {
+bool HeapPath::returnCachedBlocks(MemoryPool& pool) {
   ThreadCache* cache = tCache;
-  if (!usable(cache)) return;
+  if (!usable(cache)) return false;
   CSMutex hold(registry().lock);
-  for (Slot& slot : cache->entries)
-    if (slot.manager.load(std::memory_order_relaxed) != nullptr && slot.pool == &pool)
+  bool handedBack = false;
+  for (Slot& slot : cache->entries) {
+    if (slot.manager.load(std::memory_order_relaxed) != nullptr && slot.pool == &pool) {
       handBack(slot);
+      handedBack = true;
+    }
+  }
+  return handedBack;
 }
 
 void HeapPath::registerPool(MemoryPool& pool) {

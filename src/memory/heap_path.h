@@ -8,12 +8,15 @@
 // no atomic read-modify-write; the pool's lock is taken once per batch, to
 // refill an empty list or to hand back the surplus of a full one. Every
 // mspace call is still made under the pool's lock. Larger blocks, and
-// threads whose cache is gone (during thread exit), take the pool's lock
-// for each call.
+// threads without a cache (whose cache is gone during thread exit, or could
+// not be allocated), take the pool's lock for each call.
 //
-// The accounting stays exact. A thread counts its own requests in its slot
-// (plain stores to counters only it writes), and the readers add the slots
-// to what the pools and managers hold, under the accounting lock. A slot's
+// A thread counts its own requests in its slot (plain stores to counters
+// only it writes), and the readers add the slots to what the pools and
+// managers hold, under the accounting lock. The sum is exact when no thread
+// is moving blocks meanwhile; a read that races a block allocated on one
+// thread and freed on another may see the release without the allocation
+// (a sum below the truth, which can wrap) or the reverse. A slot's
 // counts are folded into its manager and pool, and its blocks go back to
 // the pool, whenever it is handed back: when its thread ends, when its
 // thread needs the slot for another manager, and when its manager is
@@ -62,6 +65,9 @@ struct HeapPath {
   static void* alloc(HeapManager& manager, unsigned long size);
   static void free(HeapManager& manager, void* p);
   static void* allocSlowly(HeapManager& manager, unsigned long size);
+  // One try from the calling thread's cache or the pool; null when the
+  // pool has no room.
+  static void* allocFromPool(HeapManager& manager, unsigned long size);
   static void freeSlowly(HeapManager& manager, BlockHeader* header);
 
   // Bytes handed out and not yet released, of one manager and of one pool
@@ -80,8 +86,9 @@ struct HeapPath {
   // Hands back every thread's slot of the manager. Its destructor calls
   // this while the manager still holds its pool.
   static void retireManager(HeapManager& manager);
-  // Hands back the calling thread's slots of the pool.
-  static void returnCachedBlocks(MemoryPool& pool);
+  // Hands back the calling thread's slots of the pool; false when it had
+  // none.
+  static bool returnCachedBlocks(MemoryPool& pool);
   // Hands back the calling thread's slots and sends its later requests
   // down the locked path. Runs when the thread ends.
   static void retireThread();

@@ -135,6 +135,7 @@ TEST(MemoryPool, APoolWhoseFirstMappingFailedServesNothingAndCountsNothing) {
       EXPECT_EQ(kestrel::doNew(size, &mgr), nullptr) << size;
     }
     EXPECT_EQ(pool->malloc(16), nullptr);
+    mgr.free(nullptr);  // does nothing
     EXPECT_EQ(mgr.getAllocatedSize(), 0u);
     EXPECT_EQ(pool->getAllocatedMemory(), 0u);
     EXPECT_EQ(pool->getStats().uordblks, 0u);
@@ -167,6 +168,15 @@ TEST(MemoryPool, APoolWhoseFirstMappingFailedServesNothingAndCountsNothing) {
     }
     ok = blocks.size() < 2000000 && mgr.alloc(32) == nullptr && mgr.alloc(5000) == nullptr &&
          mgr.getAllocatedSize() == 32 * blocks.size();
+    // The last blocks freed wait in this thread's cache; a request of
+    // another size gets their room back.
+    for (int i = 0; i < 100; ++i) {
+      kestrel::Free(blocks.back());
+      blocks.pop_back();
+    }
+    void* larger = mgr.alloc(1000);
+    ok = ok && larger != nullptr;
+    kestrel::Free(larger);
     for (void* p : blocks) kestrel::Free(p);
     ok = ok && mgr.getAllocatedSize() == 0 && mgr.alloc(32) != nullptr;
   }

@@ -4,6 +4,7 @@
 // fifth manager, and when the caller asks for the pool's statistics.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <future>
 #include <new>
 #include <thread>
@@ -60,6 +61,58 @@ unsigned long inUseSeenFromElsewhere(MemoryPool* pool) {
   unsigned long inUse = 0;
   std::thread([&] { inUse = pool->getStats().uordblks; }).join();
   return inUse;
+}
+
+// Built before its thread's first HeapManager call, so destroyed after the
+// thread's cache has gone: its requests take the locked path.
+struct LateUser {
+  HeapManager* mgr = nullptr;
+  void* kept = nullptr;
+  void* neighbour = nullptr;
+  unsigned long counted = 0;
+  ~LateUser();
+};
+thread_local LateUser tLateUser;
+LateUser* gLateResult = nullptr;
+
+LateUser::~LateUser() {
+  if (mgr == nullptr) return;
+  kestrel::Free(mgr->alloc(100));
+  gLateResult->kept = mgr->alloc(24);
+  gLateResult->neighbour = mgr->alloc(24);
+  gLateResult->counted = mgr->getAllocatedSize();
+}
+
+TEST(HeapManagerCache, AThreadIsServedAndCountedAfterItsCacheIsGone) {
+  MemoryPool* pool = new MemoryPool("late", 0x400000);
+  const unsigned long empty = pool->getStats().uordblks;
+  {
+    HeapManager mgr(pool);
+    LateUser result;
+    gLateResult = &result;
+    std::thread([&] {
+      tLateUser.mgr = &mgr;
+      unsigned long bytes = 0;
+      for (void* p : allocateSmall(mgr, 100, &bytes)) kestrel::Free(p);
+    }).join();
+    ASSERT_NE(result.kept, nullptr);
+    ASSERT_NE(result.neighbour, nullptr);
+    EXPECT_EQ(result.counted, 48u);
+    EXPECT_EQ(mgr.getAllocatedSize(), 48u);
+    // The first block now joins this thread's cache, and must hold any
+    // request of its size class (24 and 32 bytes share one): the locked path
+    // sizes small blocks by class too, or filling it would overwrite the
+    // pool's record of the block after it.
+    kestrel::Free(result.kept);
+    void* reused = mgr.alloc(32);
+    ASSERT_EQ(reused, result.kept);
+    std::memset(reused, 0xab, 32);
+    kestrel::Free(reused);
+    kestrel::Free(result.neighbour);
+    EXPECT_EQ(mgr.getAllocatedSize(), 0u);
+    EXPECT_EQ(pool->getStats().uordblks, empty);
+  }
+  delete pool;
 }
 
 TEST(HeapManagerCache, CountsStayExactWhileOtherThreadsHoldCachedBlocks) {
