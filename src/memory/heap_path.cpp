@@ -183,7 +183,8 @@ inline void takeBack(Slot& slot, FreeList& list, BlockHeader* header, unsigned l
 
 // alloc and free are a short path for the common case (the thread has a
 // slot for the manager, the list has a block or room for one), which the
-// compiler keeps free of calls, and a general path for everything else.
+// compiler keeps free of calls, and a general path for everything else,
+// kept out of line so that it adds nothing to the short one.
 
 void* HeapPath::alloc(HeapManager& manager, unsigned long size) {
   if (size <= kMaxCachedSize) {
@@ -195,7 +196,7 @@ void* HeapPath::alloc(HeapManager& manager, unsigned long size) {
   return allocSlowly(manager, size);
 }
 
-void* HeapPath::allocSlowly(HeapManager& manager, unsigned long size) {
+[[gnu::noinline]] void* HeapPath::allocSlowly(HeapManager& manager, unsigned long size) {
   if (size > ~0UL - kManagerHeaderSize) return nullptr;
   if (void* p = allocFromPool(manager, size)) return p;
   // The pool is out of room: the blocks this thread caches of it may serve.
@@ -234,7 +235,7 @@ void HeapPath::free(HeapManager& manager, void* p) {
   freeSlowly(manager, header);
 }
 
-void HeapPath::freeSlowly(HeapManager& manager, BlockHeader* header) {
+[[gnu::noinline]] void HeapPath::freeSlowly(HeapManager& manager, BlockHeader* header) {
   const unsigned long size = header->size;
   Slot* slot = size <= kMaxCachedSize ? slotFor(manager) : nullptr;
   if (slot == nullptr) {
