@@ -378,17 +378,8 @@ void HeapPath::retirePool(MemoryPool& pool) {
   Registry& r = registry();
   CSMutex hold(r.lock);
   forEachSlot(r, [&](Slot& slot) {
-    if (slot.pool != &pool) return;
-    // The blocks go with the pool's memory: forget them without a look.
-    for (FreeList& list : slot.lists) list = FreeList{};
-    const unsigned long bytes = slot.bytes.load(std::memory_order_relaxed);
-    addLocked(slot.manager.load(std::memory_order_relaxed)->mAllocated, bytes);
-    addLocked(pool.mLockedAllocated, bytes);
-    addLocked(pool.mLockedAllocs, slot.blocks.load(std::memory_order_relaxed));
-    slot.bytes.store(0, std::memory_order_relaxed);
-    slot.blocks.store(0, std::memory_order_relaxed);
-    slot.pool = nullptr;
-    slot.manager.store(nullptr, std::memory_order_relaxed);
+    // The pool's mspace still stands: its blocks go back like any others.
+    if (slot.pool == &pool) handBack(slot);
   });
   for (auto it = r.pools.begin(); it != r.pools.end(); ++it) {
     if (*it != &pool) continue;

@@ -20,8 +20,8 @@
 // counts are folded into its manager and pool, and its blocks go back to
 // the pool, whenever it is handed back: when its thread ends, when its
 // thread needs the slot for another manager, and when its manager is
-// destroyed. When a pool is destroyed its slots are dropped with its
-// memory.
+// destroyed; and when the pool is destroyed (a manager that is never
+// destroyed may leave one).
 //
 // A block waiting in a cache is free for the accounting and in use for the
 // mspace statistics; MemoryPool::getStats first hands back the calling
@@ -80,8 +80,8 @@ struct HeapPath {
   // A new pool's counters join the totals; its constructor calls this.
   // Throws std::bad_alloc when the registry cannot grow.
   static void registerPool(MemoryPool& pool);
-  // Drops every thread's slots of the pool (their blocks go with its
-  // memory) and keeps its counts in the totals. Its destructor calls this.
+  // Hands back every thread's slots of the pool, then keeps its counts in
+  // the totals. Its destructor calls this first, while the mspace stands.
   static void retirePool(MemoryPool& pool);
   // Hands back every thread's slot of the manager. Its destructor calls
   // this while the manager still holds its pool.
